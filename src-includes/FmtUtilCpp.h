@@ -1,0 +1,67 @@
+// Message formatting for trace lines, exceptions and assertions. Messages are
+// fmt format strings with "{}" placeholders, built into a buffer with 500
+// bytes of inline storage so that ordinary messages never touch the heap.
+// Any thread; nothing here takes a lock.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+
+#include <fmt/format.h>
+
+#include "KelvoBase.h"
+
+namespace Kelvo {
+namespace Fmt {
+namespace Impl {
+
+using MessageBuffer = fmt::basic_memory_buffer<char, 500>;
+
+// Appends "Class::func() " when isMember, then the formatted message.
+KELVO_EXPORT void buildMessageBufferInternal(MessageBuffer& buffer, bool isMember,
+                                             const char* funcName, const char* className,
+                                             fmt::string_view format, fmt::format_args args);
+// As buildMessageBufferInternal, into a cleared buffer.
+KELVO_EXPORT void buildMessageBuffer(MessageBuffer& buffer, bool isMember, const char* funcName,
+                                     const char* className, fmt::string_view format,
+                                     fmt::format_args args);
+// "file:line: " then as buildMessageBufferInternal, into a cleared buffer.
+KELVO_EXPORT void buildDetailedMessageBuffer(MessageBuffer& buffer, const char* file, int line,
+                                             bool isMember, const char* funcName,
+                                             const char* className, fmt::string_view format,
+                                             fmt::format_args args);
+
+KELVO_EXPORT String vformatstr(bool isMember, const char* funcName, const char* className,
+                               fmt::string_view format, fmt::format_args args);
+KELVO_EXPORT String vformatstr(const char* file, int line, bool isMember, const char* funcName,
+                               const char* className, fmt::string_view format,
+                               fmt::format_args args);
+
+// Builds the message and writes it as one trace line of handle at level.
+KELVO_EXPORT void vfmtrace(const void* handle, uint32_t level, const char* file, bool isMember,
+                           const char* funcName, const char* className, int line,
+                           fmt::string_view format, fmt::format_args args);
+
+KELVO_EXPORT void dumpDebugMsg(const char* msg, size_t len, uint32_t level, const void* handle,
+                               const char* file, const char* func, int line);
+
+}  // namespace Impl
+}  // namespace Fmt
+
+namespace Fmtrace {
+namespace Impl {
+// Formats into a formatting context, for formatters of types that nest a text.
+KELVO_EXPORT fmt::format_context::iterator vformat_to(fmt::format_context& context,
+                                                      fmt::string_view format,
+                                                      fmt::format_args args);
+}  // namespace Impl
+}  // namespace Fmtrace
+
+}  // namespace Kelvo
+
+namespace ZuFmt {
+namespace Impl {
+KELVO_EXPORT void vprint(std::FILE* file, fmt::string_view format, fmt::format_args args);
+KELVO_EXPORT void vprint(fmt::string_view format, fmt::format_args args);
+}  // namespace Impl
+}  // namespace ZuFmt

@@ -1,0 +1,12 @@
+// Everything libKelvo offers, in one include.
+#pragma once
+
+#include "BacktraceCpp.h"
+#include "DebugCpp.h"
+#include "ExceptionCpp.h"
+#include "FmtUtilCpp.h"
+#include "FmtraceCpp.h"
+#include "KelvoBase.h"
+#include "LockingCpp.h"
+#include "ThreadCpp.h"
+#include "TypeNameCpp.h"

@@ -1,0 +1,656 @@
+// Trace handles, the registry of trace controls, and the trace line writer.
+#include <Kelvo/DebugCpp.h>
+#include <Kelvo/FmtraceCpp.h>
+#include <Kelvo/LockingCpp.h>
+#include <Kelvo/ThreadCpp.h>
+
+#include <fcntl.h>
+#include <sys/time.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <iostream>
+#include <vector>
+
+namespace Kelvo {
+
+using Platform::loco;
+using Platform::LocoGuard;
+
+// ---------------------------------------------------------------------------
+// Handles
+
+namespace Platform {
+
+DebugHandler::DebugHandler(const String& name, uint32_t levels, bool fixedLevels)
+    : levels(levels), levelsPtr(&this->levels), name(name), fixedLevels(fixedLevels) {}
+
+DebugHandler::DebugHandler(const String& name, uint32_t* levelsPtr, bool fixedLevels)
+    : levels(0), levelsPtr(levelsPtr ? levelsPtr : &this->levels), name(name),
+      fixedLevels(fixedLevels) {}
+
+DebugHandler::~DebugHandler() = default;
+
+}  // namespace Platform
+
+namespace Sarn {
+
+DebugHandler::HandlerMap* DebugHandler::handlerMap_ = nullptr;
+DebugControl::SpecificMap* DebugControl::debugsMap_ = nullptr;
+DebugControl::WildcardMap* DebugControl::wildCardDebugsMap_ = nullptr;
+
+bool DebugControl::showDate_ = false;
+bool DebugControl::showTime_ = false;
+bool DebugControl::showPid_ = false;
+bool DebugControl::showTid_ = false;
+bool DebugControl::showHandleName_ = false;
+bool DebugControl::showLevel_ = false;
+bool DebugControl::showLineInfo_ = false;
+bool DebugControl::showFuncName_ = false;
+
+namespace {
+
+String levelDigits(uint32_t mask, bool all) {
+    if (all) {
+        return "*";
+    }
+    String digits;
+    for (unsigned level = 0; level < 10; ++level) {
+        if (mask & (1u << level)) {
+            digits += static_cast<char>('0' + level);
+        }
+    }
+    return digits;
+}
+
+bool startsWith(const String& text, const String& prefix) {
+    return text.compare(0, prefix.size(), prefix) == 0;
+}
+
+}  // namespace
+
+DebugHandler::DebugHandler(const String& name, int levels, bool fixedLevels) noexcept
+    : Platform::DebugHandler(name, static_cast<uint32_t>(levels), fixedLevels) {
+    KELVO_CHECK(loco().owns_lock() && "DebugHandler::DebugHandler() no loco");
+    initialize();
+    handlerMap_->emplace(this->name, this);
+}
+
+DebugHandler::~DebugHandler() {
+    LocoGuard guard;
+    auto [first, last] = handlerMap_->equal_range(name);
+    for (auto it = first; it != last; ++it) {
+        if (it->second == this) {
+            handlerMap_->erase(it);
+            break;
+        }
+    }
+}
+
+uint32_t DebugHandler::enabledIs(unsigned level, bool enabled) {
+    KELVO_ASSERTM(levelsPtr == &levels,
+                  "Cannot use this with a non-null levelsPtr passed to constructor");
+    const uint32_t bit = 1u << (level % 32);
+    levels = enabled ? (levels | bit) : (levels & ~bit);
+    return levels;
+}
+
+void DebugHandler::dump(Platform::DebugStream& stream, unsigned level, const char* file, int line,
+                        const char* func) const {
+    const String text = stream.str();
+    Platform::dumpDebugMsg(text.data(), text.size(), level, this, file, func, line);
+}
+
+String DebugHandler::displayString() const {
+    return name + (fixedLevels ? "+" : "") + "/" +
+           levelDigits(*levelsPtr, levels == Platform::DebugHandler::allLevels);
+}
+
+void DebugHandler::initialize() {
+    KELVO_ASSERTM(loco().owns_lock(), "no loco");
+    if (handlerMap_ == nullptr) {
+        handlerMap_ = new HandlerMap();
+    }
+}
+
+void DebugHandler::printAll() {
+    LocoGuard guard;
+    initialize();
+    std::cout << "Handlers:\n";
+    for (const auto& entry : *handlerMap_) {
+        std::cout << "    " << entry.second->displayString() << "\n";
+    }
+    std::cout.flush();
+}
+
+// ---------------------------------------------------------------------------
+// Controls
+
+DebugControl::DebugControl(const String& name, int levels, bool wildcard)
+    : name(name), levels(static_cast<uint32_t>(levels)), wildcard(wildcard) {
+    KELVO_CHECK(loco().owns_lock() && "DebugControl::DebugControl() no loco");
+    initialize();
+    if (wildcard) {
+        (*wildCardDebugsMap_)[name] = this;
+    } else {
+        (*debugsMap_)[name] = this;
+    }
+}
+
+DebugControl::~DebugControl() {
+    KELVO_CHECK(loco().owns_lock() && "DebugControl::~DebugControl() no loco");
+    if (wildcard) {
+        auto it = wildCardDebugsMap_->find(name);
+        if (it != wildCardDebugsMap_->end() && it->second == this) {
+            wildCardDebugsMap_->erase(it);
+        }
+    } else {
+        auto it = debugsMap_->find(name);
+        if (it != debugsMap_->end() && it->second == this) {
+            debugsMap_->erase(it);
+        }
+    }
+}
+
+uint32_t DebugControl::parseLevels(const String& text) {
+    uint32_t mask = 0;
+    for (const char c : text) {
+        if (c >= '0' && c <= '9') {
+            mask |= 1u << (c - '0');
+        } else if (c == '*') {
+            mask |= Platform::DebugHandler::allLevels;
+        }
+    }
+    return mask;
+}
+
+String DebugControl::parseName(const String& text, bool& wildcard) {
+    wildcard = !text.empty() && text.back() == '*';
+    return wildcard ? text.substr(0, text.size() - 1) : text;
+}
+
+DebugControl* DebugControl::findWildcard(String name) {
+    KELVO_CHECK(loco().owns_lock() && "DebugControl::findWildcard() no loco");
+    // Ascending key order: the smallest matching prefix wins, not the longest.
+    for (const auto& [prefix, control] : *wildCardDebugsMap_) {
+        if (startsWith(name, prefix)) {
+            return control;
+        }
+    }
+    return nullptr;
+}
+
+std::shared_ptr<Platform::DebugHandler> DebugControl::get(const String& name,
+                                                          bool warnOnWildcard) noexcept {
+    bool wildcard = false;
+    const String lookup = parseName(name, wildcard);
+    if (wildcard && warnOnWildcard) {
+        std::cerr << "Kelvo::Debug - Warning"
+                  << " - Wild card specifier ignored getting handler for " << name << " using "
+                  << lookup << "\n";
+    }
+    LocoGuard guard;
+    initialize();
+    uint32_t mask = 0;
+    if (auto it = debugsMap_->find(lookup); it != debugsMap_->end()) {
+        mask = it->second->levels;
+    } else if (DebugControl* control = findWildcard(lookup)) {
+        mask = control->levels;
+    }
+    return std::make_shared<Sarn::DebugHandler>(name, static_cast<int>(mask), false);
+}
+
+void DebugControl::set(const String& nameSpec, const String& levelsSpec) {
+    bool wildcard = false;
+    const String name = parseName(nameSpec, wildcard);
+    const uint32_t add = parseLevels(levelsSpec);
+    LocoGuard guard;
+    initialize();
+    DebugHandler::initialize();
+    auto& handlers = *DebugHandler::handlerMap_;
+
+    if (!wildcard) {
+        DebugControl* control = nullptr;
+        if (auto it = debugsMap_->find(name); it != debugsMap_->end()) {
+            control = it->second;
+            control->levels |= add;
+        } else {
+            uint32_t mask = add;
+            if (DebugControl* inherited = findWildcard(name)) {
+                mask |= inherited->levels;
+            }
+            // An empty control would change nothing: keep the registry free of them.
+            if (mask == 0) {
+                return;
+            }
+            control = new DebugControl(name, static_cast<int>(mask), false);
+        }
+        auto [first, last] = handlers.equal_range(name);
+        for (auto it = first; it != last; ++it) {
+            if (!it->second->fixedLevels) {
+                it->second->levels |= control->levels;
+            }
+        }
+        return;
+    }
+
+    DebugControl* control = nullptr;
+    if (auto it = wildCardDebugsMap_->find(name); it != wildCardDebugsMap_->end()) {
+        control = it->second;
+        control->levels |= add;
+    } else {
+        uint32_t mask = add;
+        if (DebugControl* inherited = findWildcard(name)) {
+            mask |= inherited->levels;
+        }
+        if (mask == 0) {
+            return;
+        }
+        control = new DebugControl(name, static_cast<int>(mask), true);
+    }
+    const uint32_t mask = control->levels;
+    for (auto it = wildCardDebugsMap_->lower_bound(name);
+         it != wildCardDebugsMap_->end() && startsWith(it->first, name); ++it) {
+        it->second->levels |= mask;
+    }
+    for (auto& [specificName, specific] : *debugsMap_) {
+        if (startsWith(specificName, name)) {
+            specific->levels |= mask;
+        }
+    }
+    for (auto it = handlers.lower_bound(name); it != handlers.end() && startsWith(it->first, name);
+         ++it) {
+        if (!it->second->fixedLevels) {
+            it->second->levels |= mask;
+        }
+    }
+}
+
+void DebugControl::clear(const String& nameSpec, const String& levelsSpec) {
+    bool wildcard = false;
+    const String name = parseName(nameSpec, wildcard);
+    const uint32_t remove = parseLevels(levelsSpec);
+    LocoGuard guard;
+    initialize();
+    DebugHandler::initialize();
+    auto& handlers = *DebugHandler::handlerMap_;
+
+    std::vector<DebugControl*> emptied;
+    auto strip = [&](DebugControl* control) {
+        control->levels &= ~remove;
+        if (control->levels == 0) {
+            emptied.push_back(control);
+        }
+    };
+    auto matches = [&](const String& candidate) {
+        return wildcard ? startsWith(candidate, name) : candidate == name;
+    };
+
+    if (wildcard) {
+        for (auto it = wildCardDebugsMap_->lower_bound(name);
+             it != wildCardDebugsMap_->end() && startsWith(it->first, name); ++it) {
+            strip(it->second);
+        }
+        for (auto& [specificName, specific] : *debugsMap_) {
+            if (startsWith(specificName, name)) {
+                strip(specific);
+            }
+        }
+    } else if (auto it = debugsMap_->find(name); it != debugsMap_->end()) {
+        strip(it->second);
+    }
+    for (auto it = handlers.lower_bound(name); it != handlers.end() && matches(it->first);
+         ++it) {
+        if (!it->second->fixedLevels) {
+            it->second->levels &= ~remove;
+        }
+    }
+    for (DebugControl* control : emptied) {
+        delete control;
+    }
+}
+
+void DebugControl::initialize() {
+    KELVO_CHECK(loco().owns_lock() && "DebugControl::initialize() no loco");
+    if (debugsMap_ == nullptr) {
+        debugsMap_ = new SpecificMap();
+    }
+    if (wildCardDebugsMap_ == nullptr) {
+        wildCardDebugsMap_ = new WildcardMap();
+    }
+}
+
+String DebugControl::displayString() const {
+    return name + (wildcard ? "*" : "") + "/" +
+           levelDigits(levels, (levels & Platform::DebugHandler::allLevels) ==
+                                   Platform::DebugHandler::allLevels);
+}
+
+void DebugControl::printAll() {
+    LocoGuard guard;
+    initialize();
+    std::cout << "Specific:\n";
+    for (const auto& entry : *debugsMap_) {
+        std::cout << "    " << entry.second->displayString() << "\n";
+    }
+    std::cout << "Wildcard:\n";
+    for (const auto& entry : *wildCardDebugsMap_) {
+        std::cout << "    " << entry.second->displayString() << "\n";
+    }
+    std::cout.flush();
+}
+
+}  // namespace Sarn
+
+Debuggable::Debuggable(const String& name) : debugHandler_(Platform::getDebugHandler(name)) {}
+
+// ---------------------------------------------------------------------------
+// Trace output
+
+namespace {
+
+// The trace file; guarded by the global lock. -1 when lines go to stderr.
+int traceFd_ = -1;
+String traceFileName_;
+
+void selectTraceFile() {
+    const char* wanted = std::getenv("TRACEFILE");
+    if (wanted == nullptr || (traceFd_ >= 0 && traceFileName_ == wanted)) {
+        return;
+    }
+    if (traceFd_ >= 0) {
+        ::close(traceFd_);
+        traceFd_ = -1;
+    }
+    traceFileName_.clear();
+    const int fd = ::open(wanted, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    if (fd < 0) {
+        std::cerr << "Error opening TRACEFILE=" << wanted << "\n"
+                  << "Defaulting to std::cerr for trace output.\n";
+        return;
+    }
+    traceFd_ = fd;
+    traceFileName_ = wanted;
+}
+
+template <typename Apply>
+void forEachItem(const char* spec, Apply apply) {
+    const String text(spec);
+    size_t start = 0;
+    while (true) {
+        const size_t comma = text.find(',', start);
+        const String item =
+            text.substr(start, comma == String::npos ? String::npos : comma - start);
+        const size_t slash = item.find('/');
+        if (slash == String::npos) {
+            apply(item, String());
+        } else {
+            apply(item.substr(0, slash), item.substr(slash + 1));
+        }
+        if (comma == String::npos) {
+            break;
+        }
+        start = comma + 1;
+    }
+}
+
+constexpr const char* fieldNames[] = {"date",   "time",  "pid",       "tid",
+                                      "handle", "level", "line-info", "func-name"};
+bool* const fieldSwitches[] = {
+    &Sarn::DebugControl::showDate_,       &Sarn::DebugControl::showTime_,
+    &Sarn::DebugControl::showPid_,        &Sarn::DebugControl::showTid_,
+    &Sarn::DebugControl::showHandleName_, &Sarn::DebugControl::showLevel_,
+    &Sarn::DebugControl::showLineInfo_,   &Sarn::DebugControl::showFuncName_};
+constexpr size_t fieldCount = sizeof fieldNames / sizeof fieldNames[0];
+
+// Local time changes once a second: each thread keeps the broken-down time
+// of the last second it printed, so a line costs no time-zone conversion.
+struct LocalSecond {
+    time_t second = -1;
+    bool valid = false;
+    char date[16];  // "YYYY-MM-DD "
+    size_t dateLength = 0;
+    char time[16];  // "HH:MM:SS"
+    size_t timeLength = 0;
+};
+thread_local LocalSecond localSecond_;
+
+const LocalSecond& localSecond(time_t now) {
+    LocalSecond& cache = localSecond_;
+    if (cache.second != now) {
+        struct tm parts;
+        cache.second = now;
+        cache.valid = ::localtime_r(&now, &parts) != nullptr;
+        if (cache.valid) {
+            cache.dateLength = std::strftime(cache.date, sizeof cache.date, "%Y-%m-%d ", &parts);
+            cache.timeLength = std::strftime(cache.time, sizeof cache.time, "%H:%M:%S", &parts);
+        }
+    }
+    return cache;
+}
+
+void writeAll(int fd, struct iovec* iov, int count) {
+    while (count > 0) {
+        const ssize_t n = ::writev(fd, iov, count);
+        if (n < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return;  // Write errors on the trace output are not reported.
+        }
+        size_t done = static_cast<size_t>(n);
+        while (count > 0 && done >= iov->iov_len) {
+            done -= iov->iov_len;
+            ++iov;
+            --count;
+        }
+        if (count > 0) {
+            iov->iov_base = static_cast<char*>(iov->iov_base) + done;
+            iov->iov_len -= done;
+        }
+    }
+}
+
+}  // namespace
+
+namespace Platform {
+
+std::shared_ptr<DebugHandler> getDebugHandler(const String& name) noexcept {
+    return Sarn::DebugControl::get(name);
+}
+
+void destroyDebugHandler(DebugHandler* handle) {
+    LocoGuard guard;
+    delete handle;
+}
+
+void setupKelvoDebug(const char* spec) {
+    LocoGuard guard;
+    selectTraceFile();
+    const char* text = spec ? spec : std::getenv("TRACE");
+    if (text == nullptr || (spec == nullptr && *text == '\0')) {
+        return;
+    }
+    forEachItem(text, [](const String& name, const String& levels) {
+        Sarn::DebugControl::set(name, levels);
+    });
+}
+
+void clearKelvoDebug(const char* spec) {
+    if (spec == nullptr) {
+        return;
+    }
+    LocoGuard guard;
+    forEachItem(spec, [](const String& name, const String& levels) {
+        Sarn::DebugControl::clear(name, levels);
+    });
+}
+
+void dumpKelvoDebugMap() {
+    Sarn::DebugHandler::printAll();
+    Sarn::DebugControl::printAll();
+}
+
+void setTraceFormat(const char* fields) {
+    const char* text = fields ? fields : std::getenv("TRACEFORMAT");
+    if (text == nullptr) {
+        return;
+    }
+    if (std::strcmp(text, "help") == 0) {
+        std::cerr << "Usage:\n  TRACEFORMAT=field,field,...\nList of possible fields:\n";
+        for (const char* name : fieldNames) {
+            std::cerr << "  " << name << "\n";
+        }
+        std::cerr.flush();
+        return;
+    }
+    bool chosen[fieldCount] = {};
+    const String copy(text);
+    size_t start = 0;
+    while (start <= copy.size()) {
+        size_t comma = copy.find(',', start);
+        if (comma == String::npos) {
+            comma = copy.size();
+        }
+        const String piece = copy.substr(start, comma - start);
+        start = comma + 1;
+        if (piece.empty()) {
+            continue;
+        }
+        size_t field = 0;
+        while (field < fieldCount && piece != fieldNames[field]) {
+            ++field;
+        }
+        if (field == fieldCount) {
+            std::cerr << piece << " is an invalid field in TRACEFORMAT\n"
+                      << "Set TRACEFORMAT=help for more information.\n";
+            std::cerr.flush();
+            return;
+        }
+        chosen[field] = true;
+    }
+    LocoGuard guard;
+    for (size_t field = 0; field < fieldCount; ++field) {
+        *fieldSwitches[field] = chosen[field];
+    }
+}
+
+void clearTraceFormat() {
+    LocoGuard guard;
+    for (bool* field : fieldSwitches) {
+        *field = false;
+    }
+}
+
+void printAllTraceFormat() {
+    LocoGuard guard;
+    for (size_t field = 0; field < fieldCount; ++field) {
+        std::cout << (field ? " " : "") << (*fieldSwitches[field] ? 1 : 0);
+    }
+    std::cout << std::endl;
+}
+
+void dumpDebugMsg(const char* msg, size_t len, uint32_t level, const void* handle,
+                  const char* file, const char* func, int line) {
+    using Sarn::DebugControl;
+    // The prefix is composed on the stack without any lock; only the write is
+    // serialised, so lines from different threads never interleave.
+    fmt::basic_memory_buffer<char, 256> prefix;
+    auto out = fmt::appender(prefix);
+    auto append = [&](const char* text, size_t length) { prefix.append(text, text + length); };
+
+    if (DebugControl::showDate_ || DebugControl::showTime_) {
+        struct timeval now;
+        ::gettimeofday(&now, nullptr);
+        const LocalSecond& local = localSecond(now.tv_sec);
+        if (local.valid) {
+            if (DebugControl::showDate_) {
+                append(local.date, local.dateLength);
+            }
+            if (DebugControl::showTime_) {
+                append(local.time, local.timeLength);
+                prefix.push_back('.');
+                const fmt::format_int micros(static_cast<long>(now.tv_usec));
+                append(micros.data(), micros.size());
+                prefix.push_back(' ');
+            }
+        }
+    }
+    if (DebugControl::showPid_) {
+        const fmt::format_int pid(::getpid());
+        append(pid.data(), pid.size());
+        prefix.push_back(' ');
+    }
+    if (DebugControl::showTid_) {
+        const fmt::format_int tid(Kelvo::gettid());
+        append(tid.data(), tid.size());
+        prefix.push_back(' ');
+    }
+    if (DebugControl::showHandleName_ && handle != nullptr) {
+        const String& name = static_cast<const DebugHandler*>(handle)->name;
+        append(name.data(), name.size());
+        prefix.push_back(' ');
+    }
+    if (DebugControl::showLevel_) {
+        const fmt::format_int number(level);
+        append(number.data(), number.size());
+        prefix.push_back(' ');
+    }
+    if (DebugControl::showLineInfo_ && file != nullptr) {
+        const char* slash = std::strrchr(file, '/');
+        fmt::format_to(out, "{}:{} ", slash ? slash + 1 : file, line);
+    }
+    if (DebugControl::showFuncName_ && func != nullptr) {
+        fmt::format_to(out, "{} ", func);
+    }
+
+    char newline = '\n';
+    struct iovec iov[3] = {{prefix.data(), prefix.size()},
+                           {const_cast<char*>(msg), len},
+                           {&newline, 1}};
+    LocoGuard guard;
+    writeAll(traceFd_ >= 0 ? traceFd_ : STDERR_FILENO, iov, 3);
+}
+
+}  // namespace Platform
+
+[[noreturn]] void debugAndThrowAssertException(Platform::DebugHandler* handle, unsigned level,
+                                               Platform::DebugStream& message, const char* file,
+                                               const char* func, int line) {
+    Platform::DebugStream composed;
+    composed << file << ":" << func << ":" << line << ": " << message.str();
+    if (handle != nullptr && handle->enabled(level)) {
+        handle->dump(composed, level, file, line, func);
+    }
+    AssertException::throwException(composed.str());
+}
+
+[[noreturn]] void debugAndThrowAssertException(Platform::DebugHandler& handle, unsigned level,
+                                               Platform::DebugStream& message, const char* file,
+                                               const char* func, int line) {
+    debugAndThrowAssertException(&handle, level, message, file, func, line);
+}
+
+// ---------------------------------------------------------------------------
+// Load time: default levels, then TRACE, then the default and TRACEFORMAT.
+// First among the library's initialisers so that every module traces with the
+// configured format from its own start-up on.
+
+namespace {
+struct SetUpTracing {
+    SetUpTracing() {
+        // This runs before the standard streams' own initialiser would.
+        static std::ios_base::Init streams;
+        Platform::setupKelvoDebug("Kelvo*/01");
+        Platform::setupKelvoDebug(nullptr);
+        Platform::setTraceFormat("date,time,tid,handle,level");
+        Platform::setTraceFormat(nullptr);
+    }
+} setUpTracing __attribute__((init_priority(101)));
+}  // namespace
+
+}  // namespace Kelvo
