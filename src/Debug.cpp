@@ -75,7 +75,7 @@ bool startsWith(const String& text, const String& prefix) {
 
 DebugHandler::DebugHandler(const String& name, int levels, bool fixedLevels) noexcept
     : Platform::DebugHandler(name, static_cast<uint32_t>(levels), fixedLevels) {
-    KELVO_CHECK(loco().owns_lock() && "DebugHandler::DebugHandler() no loco");
+    KELVO_CHECK(Kelvo::Platform::loco().owns_lock() && "DebugHandler::DebugHandler() no loco");
     initialize();
     handlerMap_->emplace(this->name, this);
 }
@@ -132,7 +132,7 @@ void DebugHandler::printAll() {
 
 DebugControl::DebugControl(const String& name, int levels, bool wildcard)
     : name(name), levels(static_cast<uint32_t>(levels)), wildcard(wildcard) {
-    KELVO_CHECK(loco().owns_lock() && "DebugControl::DebugControl() no loco");
+    KELVO_CHECK(Kelvo::Platform::loco().owns_lock() && "DebugControl::DebugControl() no loco");
     initialize();
     if (wildcard) {
         (*wildCardDebugsMap_)[name] = this;
@@ -142,7 +142,7 @@ DebugControl::DebugControl(const String& name, int levels, bool wildcard)
 }
 
 DebugControl::~DebugControl() {
-    KELVO_CHECK(loco().owns_lock() && "DebugControl::~DebugControl() no loco");
+    KELVO_CHECK(Kelvo::Platform::loco().owns_lock() && "DebugControl::~DebugControl() no loco");
     if (wildcard) {
         auto it = wildCardDebugsMap_->find(name);
         if (it != wildCardDebugsMap_->end() && it->second == this) {
@@ -174,7 +174,7 @@ String DebugControl::parseName(const String& text, bool& wildcard) {
 }
 
 DebugControl* DebugControl::findWildcard(String name) {
-    KELVO_CHECK(loco().owns_lock() && "DebugControl::findWildcard() no loco");
+    KELVO_CHECK(Kelvo::Platform::loco().owns_lock() && "DebugControl::findWildcard() no loco");
     // Ascending key order: the smallest matching prefix wins, not the longest.
     for (const auto& [prefix, control] : *wildCardDebugsMap_) {
         if (startsWith(name, prefix)) {
@@ -315,7 +315,7 @@ void DebugControl::clear(const String& nameSpec, const String& levelsSpec) {
 }
 
 void DebugControl::initialize() {
-    KELVO_CHECK(loco().owns_lock() && "DebugControl::initialize() no loco");
+    KELVO_CHECK(Kelvo::Platform::loco().owns_lock() && "DebugControl::initialize() no loco");
     if (debugsMap_ == nullptr) {
         debugsMap_ = new SpecificMap();
     }
