@@ -13,7 +13,12 @@ class KELVO_EXPORT Backtrace {
 public:
     static constexpr unsigned maxFrames = 100;
 
-    explicit Backtrace(bool capture);
+    // Inline so that the first frame kept is the constructing function's.
+    [[gnu::always_inline]] explicit Backtrace(bool capture) : count_(0) {
+        if (capture) {
+            unwind();
+        }
+    }
 
     // Captures the current stack; returns the status of the last unwind step.
     int unwind() noexcept;

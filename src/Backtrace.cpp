@@ -11,12 +11,6 @@
 
 namespace Kelvo {
 
-Backtrace::Backtrace(bool capture) : count_(0) {
-    if (capture) {
-        unwind();
-    }
-}
-
 // Not inlined, so that the first frame kept is always the caller's.
 [[gnu::noinline]] int Backtrace::unwind() noexcept {
     count_ = 0;
