@@ -48,6 +48,10 @@ void writeAll(const String& text) noexcept {
         }
     }
     if (appendStack && Backtrace::verbosity() == 1) {
+        // The stack starts on its own line, as it does in a library exception's what().
+        if (!report.empty()) {
+            report += '\n';
+        }
         report += Backtrace(true).pretty();
     }
     if (!report.empty()) {
