@@ -118,11 +118,11 @@ const char* memberClassName(const char* prettyFunction, const char* func, char* 
         const char c = pretty[i - 1];
         if (c == '>') {
             ++depth;
-            if (depth == 1) {
+        } else if (c == '<') {
+            // The class name ends where its outermost template arguments begin.
+            if (--depth == 0) {
                 end = i - 1;
             }
-        } else if (c == '<') {
-            --depth;
         } else if (depth == 0 && (c == ':' || c == ' ' || c == '*' || c == '&')) {
             break;
         }
