@@ -355,18 +355,23 @@ namespace {
 
 // The trace file; guarded by the global lock. -1 when lines go to stderr.
 int traceFd_ = -1;
-String traceFileName_;
+// Reached from the load-time set-up, which runs before this file's ordinary
+// static objects are constructed: built on first use and never destroyed.
+String& traceFileName() {
+    static String* const name = new String();
+    return *name;
+}
 
 void selectTraceFile() {
     const char* wanted = std::getenv("TRACEFILE");
-    if (wanted == nullptr || (traceFd_ >= 0 && traceFileName_ == wanted)) {
+    if (wanted == nullptr || (traceFd_ >= 0 && traceFileName() == wanted)) {
         return;
     }
     if (traceFd_ >= 0) {
         ::close(traceFd_);
         traceFd_ = -1;
     }
-    traceFileName_.clear();
+    traceFileName().clear();
     const int fd = ::open(wanted, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
     if (fd < 0) {
         std::cerr << "Error opening TRACEFILE=" << wanted << "\n"
@@ -374,7 +379,7 @@ void selectTraceFile() {
         return;
     }
     traceFd_ = fd;
-    traceFileName_ = wanted;
+    traceFileName() = wanted;
 }
 
 template <typename Apply>
