@@ -650,7 +650,11 @@ struct SetUpTracing {
     SetUpTracing() {
         // This runs before the standard streams' own initialiser would.
         static std::ios_base::Init streams;
-        Platform::setupKelvoDebug("Kelvo*/01");
+        // setupKelvoDebug("Kelvo*/01") without its trace file selection: the
+        // TRACE call right after selects it, so a bad TRACEFILE is reported once.
+        forEachItem("Kelvo*/01", [](const String& name, const String& levels) {
+            Sarn::DebugControl::set(name, levels);
+        });
         Platform::setupKelvoDebug(nullptr);
         Platform::setTraceFormat("date,time,tid,handle,level");
         Platform::setTraceFormat(nullptr);
