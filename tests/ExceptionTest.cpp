@@ -1,5 +1,6 @@
 #include <Kelvo/Kelvo.h>
 #include <dlfcn.h>
+#include <execinfo.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -14,6 +15,18 @@ KELVO_EXPORT [[gnu::noinline]] Kelvo::Backtrace captureHere() {
     Kelvo::Backtrace trace(true);
     asm volatile("" ::: "memory");  // keep the frame apart from the caller's
     return trace;
+}
+
+// Both captures from one function: only their first entries (the two call
+// sites) may differ.
+KELVO_EXPORT [[gnu::noinline]] bool sameFramesAsGlibc() {
+    void* ips[100];
+    const int n = backtrace(ips, 100);
+    const Kelvo::Backtrace trace(true);
+    bool same = n > 3 && trace.count() == static_cast<uint32_t>(n);
+    for (int i = 1; same && i < n; ++i)
+        same = trace.frame(i) == reinterpret_cast<uint64_t>(ips[i]);
+    return same;
 }
 
 using testing::HasSubstr;
@@ -118,6 +131,7 @@ TEST(Backtrace, FirstFrameIsTheConstructingFunction) {
     ASSERT_NE(dladdr(reinterpret_cast<void*>(trace.frame(0)), &info), 0);
     ASSERT_NE(info.dli_sname, nullptr);
     EXPECT_THAT(info.dli_sname, HasSubstr("captureHere"));
+    EXPECT_TRUE(sameFramesAsGlibc());
 }
 
 TEST(Backtrace, DeepStackKeepsExactlyOneHundredFrames) {
