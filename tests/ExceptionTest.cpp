@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <regex>
 #include <stdexcept>
 
 #include "ChildProcess.h"
@@ -17,15 +16,18 @@ KELVO_EXPORT [[gnu::noinline]] Kelvo::Backtrace captureHere() {
     return trace;
 }
 
-// Both captures from one function: only their first entries (the two call
-// sites) may differ.
+// Both captures from one function: below their first entries (the two call
+// sites) the stacks are the same. Compared from the outermost frame, since a
+// sanitizer's interceptor adds a frame on top of glibc's.
 KELVO_EXPORT [[gnu::noinline]] bool sameFramesAsGlibc() {
     void* ips[100];
     const int n = backtrace(ips, 100);
     const Kelvo::Backtrace trace(true);
-    bool same = n > 3 && trace.count() == static_cast<uint32_t>(n);
-    for (int i = 1; same && i < n; ++i)
-        same = trace.frame(i) == reinterpret_cast<uint64_t>(ips[i]);
+    const int count = static_cast<int>(trace.count());
+    bool same = count > 3 && n >= count;
+    for (int k = 1; same && k < count; ++k) {
+        same = trace.frame(count - k) == reinterpret_cast<uint64_t>(ips[n - k]);
+    }
     return same;
 }
 
@@ -146,10 +148,10 @@ TEST(Backtrace, EveryPrintedLineNamesObjectSymbolOffsetAndAddress) {
     std::string line;
     std::getline(lines, line);
     EXPECT_EQ(line, "Backtrace:");
-    const std::regex frame(R"(([^(]+\([^)]*\+0x[0-9a-f]+\))?\[0x[0-9a-f]+\])");
+    const auto frame = testing::MatchesRegex(R"(([^(]+\([^)]*\+0x[0-9a-f]+\))?\[0x[0-9a-f]+\])");
     uint32_t n = 0;
     while (std::getline(lines, line)) {
-        EXPECT_TRUE(std::regex_match(line, frame)) << line;
+        EXPECT_THAT(line, frame);
         EXPECT_THAT(line, HasSubstr(fmt::format("[{}]", (void*)trace.frame(n))));
         ++n;
     }
