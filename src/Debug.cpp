@@ -437,6 +437,43 @@ const LocalSecond& localSecond(time_t now) {
     return cache;
 }
 
+// One trace line, composed on the caller's stack without any lock; only its
+// write is serialised, so lines from different threads never interleave. Room
+// is reserved up front, so each piece is a plain copy (no per-piece checks);
+// only lines longer than the inline storage use the heap.
+class TraceLine {
+public:
+    // Date, time, pid, tid, level and line number with their separators.
+    static constexpr size_t numericFieldsRoom = 96;
+
+    explicit TraceLine(size_t room) {
+        if (room > sizeof inline_) {
+            heap_.reset(new char[room]);
+            data_ = heap_.get();
+        }
+    }
+    void append(const char* text, size_t length) {
+        std::memcpy(data_ + size_, text, length);
+        size_ += length;
+    }
+    void push(char c) { data_[size_++] = c; }
+    // A prefix field and its separating space.
+    void field(const char* text, size_t length) {
+        append(text, length);
+        push(' ');
+    }
+    void field(const fmt::format_int& number) { field(number.data(), number.size()); }
+    const char* data() const { return data_; }
+    size_t size() const { return size_; }
+
+private:
+    char inline_[1024];
+    std::unique_ptr<char[]> heap_;
+    char* data_ = inline_;
+    size_t size_ = 0;
+};
+
+// One write(2) of the whole line: a gathering writev costs measurably more.
 void writeAll(int fd, const char* data, size_t size) {
     while (size > 0) {
         const ssize_t n = ::write(fd, data, size);
@@ -553,12 +590,18 @@ void printAllTraceFormat() {
 void dumpDebugMsg(const char* msg, size_t len, uint32_t level, const void* handle,
                   const char* file, const char* func, int line) {
     using Sarn::DebugControl;
-    // The line is composed on the stack without any lock; only the write is
-    // serialised, so lines from different threads never interleave. One
-    // write(2) of the whole line: a gathering writev costs measurably more.
-    fmt::basic_memory_buffer<char, 1024> prefix;
-    auto out = fmt::appender(prefix);
-    auto append = [&](const char* text, size_t length) { prefix.append(text, text + length); };
+    const String* name = DebugControl::showHandleName_ && handle != nullptr
+                             ? &static_cast<const DebugHandler*>(handle)->name
+                             : nullptr;
+    const char* fileName = nullptr;
+    if (DebugControl::showLineInfo_ && file != nullptr) {
+        const char* slash = std::strrchr(file, '/');
+        fileName = slash ? slash + 1 : file;
+    }
+    const char* funcName = DebugControl::showFuncName_ ? func : nullptr;
+    TraceLine out(TraceLine::numericFieldsRoom + (name ? name->size() : 0) +
+                  (fileName ? std::strlen(fileName) : 0) + (funcName ? std::strlen(funcName) : 0) +
+                  len + 1);
 
     if (DebugControl::showDate_ || DebugControl::showTime_) {
         struct timeval now;
@@ -566,49 +609,40 @@ void dumpDebugMsg(const char* msg, size_t len, uint32_t level, const void* handl
         const LocalSecond& local = localSecond(now.tv_sec);
         if (local.valid) {
             if (DebugControl::showDate_) {
-                append(local.date, local.dateLength);
+                out.append(local.date, local.dateLength);
             }
             if (DebugControl::showTime_) {
-                append(local.time, local.timeLength);
-                prefix.push_back('.');
-                const fmt::format_int micros(static_cast<long>(now.tv_usec));
-                append(micros.data(), micros.size());
-                prefix.push_back(' ');
+                out.append(local.time, local.timeLength);
+                out.push('.');
+                out.field(fmt::format_int(static_cast<long>(now.tv_usec)));
             }
         }
     }
     if (DebugControl::showPid_) {
-        const fmt::format_int pid(::getpid());
-        append(pid.data(), pid.size());
-        prefix.push_back(' ');
+        out.field(fmt::format_int(::getpid()));
     }
     if (DebugControl::showTid_) {
-        const fmt::format_int tid(Kelvo::gettid());
-        append(tid.data(), tid.size());
-        prefix.push_back(' ');
+        out.field(fmt::format_int(Kelvo::gettid()));
     }
-    if (DebugControl::showHandleName_ && handle != nullptr) {
-        const String& name = static_cast<const DebugHandler*>(handle)->name;
-        append(name.data(), name.size());
-        prefix.push_back(' ');
+    if (name != nullptr) {
+        out.field(name->data(), name->size());
     }
     if (DebugControl::showLevel_) {
-        const fmt::format_int number(level);
-        append(number.data(), number.size());
-        prefix.push_back(' ');
+        out.field(fmt::format_int(level));
     }
-    if (DebugControl::showLineInfo_ && file != nullptr) {
-        const char* slash = std::strrchr(file, '/');
-        fmt::format_to(out, "{}:{} ", slash ? slash + 1 : file, line);
+    if (fileName != nullptr) {
+        out.append(fileName, std::strlen(fileName));
+        out.push(':');
+        out.field(fmt::format_int(line));
     }
-    if (DebugControl::showFuncName_ && func != nullptr) {
-        fmt::format_to(out, "{} ", func);
+    if (funcName != nullptr) {
+        out.field(funcName, std::strlen(funcName));
     }
+    out.append(msg, len);
+    out.push('\n');
 
-    append(msg, len);
-    prefix.push_back('\n');
     LocoGuard guard;
-    writeAll(traceFd_ >= 0 ? traceFd_ : STDERR_FILENO, prefix.data(), prefix.size());
+    writeAll(traceFd_ >= 0 ? traceFd_ : STDERR_FILENO, out.data(), out.size());
 }
 
 }  // namespace Platform
