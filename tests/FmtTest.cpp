@@ -2,29 +2,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdio>
-
 namespace {
 
 using namespace Kelvo::Fmt::Impl;
 
 const bool assertsThrow = (Kelvo::throwOnAssertFailIs(true), true);
-
-struct Point {
-    int x, y;
-};
-
-}  // namespace
-
-template <>
-struct fmt::formatter<Point> {
-    constexpr auto parse(fmt::format_parse_context& ctx) { return ctx.begin(); }
-    auto format(const Point& p, fmt::format_context& ctx) const {
-        return Kelvo::Fmtrace::Impl::vformat_to(ctx, "({}, {})", fmt::make_format_args(p.x, p.y));
-    }
-};
-
-namespace {
 
 std::string built(bool detailed, bool isMember, const char* func, const char* cls,
                   const std::string& text) {
@@ -64,19 +46,6 @@ TEST(MessageBuilders, MemberPrefixNeedsBothNames) {
             EXPECT_THAT(e.message(), testing::EndsWith(": funcName && className"));
         }
     }
-}
-
-TEST(MessageBuilders, NestedFormattingAndPrinting) {
-    EXPECT_EQ(fmt::format("at {} and {:}", Point{1, 2}, Point{-3, 4}), "at (1, 2) and (-3, 4)");
-    char out[64] = {};
-    std::FILE* file = fmemopen(out, sizeof out - 1, "w");
-    ZuFmt::Impl::vprint(file, "{}-{}", fmt::make_format_args("a", 7));
-    std::fclose(file);
-    EXPECT_STREQ(out, "a-7");
-    testing::internal::CaptureStdout();
-    ZuFmt::Impl::vprint("{} {}", fmt::make_format_args(Point{5, 6}, "ok"));
-    std::fflush(stdout);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "(5, 6) ok");
 }
 
 }  // namespace

@@ -53,17 +53,6 @@ TEST(Locking, RecursiveLockIsReleasedByTheOutermostUnlock) {
     EXPECT_DEATH(lock.unlock(), "not currently held, owner:.* me:[0-9]+ lockCount:0");
 }
 
-TEST(Locking, PlainLockExcludesOtherThreadsUntilReleased) {
-    Lock lock;
-    lock.lock();
-    EXPECT_TRUE(lock.owns_lock());
-    EXPECT_FALSE(onOtherThread([&] { return lock.owns_lock() || lock.try_lock(); }));
-    lock.unlock();
-    EXPECT_FALSE(lock.owns_lock());
-    EXPECT_TRUE(lock.try_lock());
-    lock.unlock();
-}
-
 TEST(Locking, ConditionalGuardReleasesOnlyWhatItStillHolds) {
     Lock lock;
     { ConditionalGuard guard(lock); }
