@@ -2,10 +2,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/time.h>
+
 #include <algorithm>
+#include <chrono>
+#include <cstdio>
 #include <functional>
 #include <map>
-#include <cstdio>
 #include <thread>
 
 #include "ChildProcess.h"
@@ -262,6 +265,25 @@ TEST_F(TraceOutput, FieldsAppearInFixedOrderWhateverTheFormatSays) {
         EXPECT_THAT(got[i], testing::MatchesRegex(cases[i / 20].second));
     }
     EXPECT_EQ(got.back(), "3 Traced::member() m1");
+}
+
+// Only a line in the first tenth of a second can show padding: trace until
+// one lands there (bounded by the clock, not by sleeping).
+TEST_F(TraceOutput, MicrosecondsAreNotPadded) {
+    Platform::setTraceFormat("time");
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+    while (std::chrono::steady_clock::now() < deadline) {
+        struct timeval before, after;
+        ::gettimeofday(&before, nullptr);
+        KELVO_TRACE(handle_, 3, "x");
+        ::gettimeofday(&after, nullptr);
+        if (before.tv_sec == after.tv_sec && after.tv_usec < 100000) {
+            EXPECT_THAT(lines().back(), testing::MatchesRegex(
+                                            "[0-9]{2}:[0-9]{2}:[0-9]{2}\\.(0|[1-9][0-9]{0,4}) x"));
+            return;
+        }
+    }
+    ADD_FAILURE() << "no line was traced in the first tenth of a second";
 }
 
 TEST_F(TraceOutput, MessagesAreWrittenWholeWhateverTheirBytes) {
