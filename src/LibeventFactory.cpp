@@ -621,15 +621,13 @@ int event_base_timeout_subtract_offset(event_base* base, const timeval* offset) 
     // event_add() stamps each timer with the base's clock as it reads it then,
     // which only moves forward: re-adding in expiry order against one earlier
     // reading keeps the order, and a timer can only end up later, never
-    // earlier, than the exact shifted expiry.
+    // earlier, than the exact shifted expiry. A timer already due gets a
+    // negative delay (timersub keeps tv_usec in range), so that due timers
+    // keep their order too instead of collapsing onto one instant.
     timeval now;
     event_base_now(base, &now);
     for (const PendingTimer& timer : timers) {
-        const timeval target = sub(timer.expiry, *offset);
-        timeval relative = {0, 0};
-        if (timercmp(&target, &now, >)) {
-            relative = sub(target, now);
-        }
+        const timeval relative = sub(sub(timer.expiry, *offset), now);
         if (event_add(timer.ev, &relative) != 0) {
             return -1;
         }
