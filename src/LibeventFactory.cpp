@@ -249,6 +249,11 @@ void LibeventTimerControl::arm(const timeval& relative) {
 void LibeventTimerControl::setTimeout(double seconds) {
     KELVO_TRACEM(trace(), 9, "Timer {} set timeout {}", static_cast<void*>(this), seconds);
     delTimeout();
+    // +infinity means never; a negative delay means now.
+    if (std::isinf(seconds) && seconds > 0) {
+        return;
+    }
+    seconds = std::max(seconds, 0.0);
     expiry_ = Kelvo::time() + seconds;
     arm(toTimeval(seconds));
 }

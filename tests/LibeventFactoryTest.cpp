@@ -179,6 +179,12 @@ TEST(LibeventTimer, ArmsCancelsReportsRemaining) {
     t.control->delTimeout();
     doEventLoop();
     EXPECT_EQ(t.fired, 1);
+    t.control->setTimeout(5);
+    t.control->setTimeout(inf);  // never: cancels the pending one
+    EXPECT_EQ(t.control->remainingTimeout(), inf);
+    t.control->setTimeout(-1);  // overdue: runs at once
+    doEventLoop();
+    EXPECT_EQ(t.fired, 2);
 }
 
 TEST(LibeventTimer, StrictHighPriorityRunsFirstInAPass) {
