@@ -1,14 +1,10 @@
-#include <Kelvo/DebugCpp.h>
-#include <Kelvo/ExceptionCpp.h>
 #include <Kelvo/LibeventFactoryCpp.h>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include "EventLoopTestUtil.h"
+
 #include <fcntl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cmath>
 #include <random>
 #include <stdexcept>
 #include <thread>
@@ -16,97 +12,42 @@
 
 using namespace Kelvo;
 using namespace Kelvo::Platform;
+using namespace KelvoTest;
 using ::testing::HasSubstr;
 
 namespace {
 
-constexpr double inf = std::numeric_limits<double>::infinity();
-
-struct ThrowingAsserts : ::testing::Environment {
-    void SetUp() override { throwOnAssertFailIs(true); }
-};
-const auto* const environment = ::testing::AddGlobalTestEnvironment(new ThrowingAsserts);
-
-template <typename F>
-std::string assertMessage(F&& f) {
-    try {
-        f();
-    } catch (const AssertException& e) {
-        return e.message();
-    }
-    return "no assertion";
-}
-
-struct Timer : TimeoutHandler {
-    std::shared_ptr<TimerControl> control;
+// Handler of all three kinds, counting its notifications; when told to, it
+// throws from each and claims (or not) the exception in its hook.
+struct Probe : TimeoutHandler, CallbackHandler, FdEventHandler {
+    std::shared_ptr<TimerControl> timer = getTimerControl(this);
+    std::shared_ptr<CallbackControl> call = getCallbackControl(this);
+    std::shared_ptr<FdControl> fd = getFdControl(this);
     std::function<void()> onTimeout;
-    int fired = 0;
-    bool throws = false;
-    bool claims = false;
-    explicit Timer(EventPriority priority = eventPriorityDefault)
-        : control(getTimerControl(this, priority)) {}
+    int fired = 0, calls = 0, reads = 0, writes = 0;
+    bool throws = false, claims = false;
+    void check() {
+        if (throws)
+            throw std::runtime_error("handler failed");
+    }
     void timeout() override {
         ++fired;
         if (onTimeout)
             onTimeout();
-        if (throws)
-            throw std::runtime_error("timer failed");
+        check();
     }
+    void callback() override { ++calls, check(); }
+    void readFdEvent(int) override { ++reads, check(); }
+    void writeFdEvent(int) override { ++writes; }
     bool handleTimeoutException() override { return claims; }
-};
-
-struct Callback : CallbackHandler {
-    std::shared_ptr<CallbackControl> control = getCallbackControl(this);
-    int calls = 0;
-    bool throws = false;
-    bool claims = false;
-    void callback() override {
-        ++calls;
-        if (throws)
-            throw std::runtime_error("callback failed");
-    }
     bool handleCallbackException() override { return claims; }
+    bool handleFdException(int) override { return claims; }
 };
 
 struct Pipe {
     int fds[2];
     Pipe() { EXPECT_EQ(::pipe(fds), 0); }
-    ~Pipe() {
-        ::close(fds[0]);
-        ::close(fds[1]);
-    }
-};
-
-struct Watcher : FdEventHandler {
-    std::shared_ptr<FdControl> control = getFdControl(this);
-    int reads = 0;
-    int writes = 0;
-    bool throws = false;
-    bool claims = false;
-    void readFdEvent(int) override {
-        ++reads;
-        if (throws)
-            throw std::runtime_error("read failed");
-    }
-    void writeFdEvent(int) override { ++writes; }
-    bool handleFdException(int) override { return claims; }
-};
-
-// The trace lines written while f runs with the given TRACE setting.
-template <typename F>
-std::string traced(const char* spec, F&& f) {
-    setupKelvoDebug(spec);
-    ::testing::internal::CaptureStderr();
-    f();
-    std::string text = ::testing::internal::GetCapturedStderr();
-    clearKelvoDebug(spec);
-    return text;
-}
-
-class FastForward : public ::testing::Test {
-  protected:
-    void SetUp() override { setFastForward(true); }
-    void TearDown() override { setFastForward(false); }
+    ~Pipe() { ::close(fds[0]), ::close(fds[1]); }
 };
 
 }  // namespace
@@ -166,96 +107,74 @@ TEST(LibeventBase, DiagnosticsAreTracedAtMappedLevels) {
 }
 
 TEST(LibeventTimer, ArmsCancelsReportsRemaining) {
-    Timer t;
-    EXPECT_EQ(t.control->remainingTimeout(), inf);
-    t.control->setTimeout(1.5);
-    EXPECT_NEAR(t.control->remainingTimeout(), 1.5, 0.1);
-    t.control->setTimeout(0);  // replaces the 1.5 s timeout
+    Probe t;
+    EXPECT_EQ(t.timer->remainingTimeout(), inf);
+    t.timer->setTimeout(1.5);
+    EXPECT_NEAR(t.timer->remainingTimeout(), 1.5, 0.1);
+    t.timer->setTimeout(0);  // replaces the 1.5 s timeout
     doEventLoop();
     EXPECT_EQ(t.fired, 1);
-    EXPECT_EQ(t.control->remainingTimeout(), inf);
-    t.control->setTimeout(0);
-    t.control->delTimeout();
-    t.control->delTimeout();
+    EXPECT_EQ(t.timer->remainingTimeout(), inf);
+    t.timer->setTimeout(0);
+    t.timer->delTimeout();
+    t.timer->delTimeout();
     doEventLoop();
     EXPECT_EQ(t.fired, 1);
-    t.control->setTimeout(5);
-    t.control->setTimeout(inf);  // never: cancels the pending one
-    EXPECT_EQ(t.control->remainingTimeout(), inf);
-    t.control->setTimeout(-1);  // overdue: runs at once
+    t.timer->setTimeout(5);
+    t.timer->setTimeout(inf);  // never: cancels the pending one
+    EXPECT_EQ(t.timer->remainingTimeout(), inf);
+    t.timer->setTimeout(-1);  // overdue: runs at once
     doEventLoop();
     EXPECT_EQ(t.fired, 2);
 }
 
-TEST(LibeventTimer, StrictHighPriorityRunsFirstInAPass) {
-    std::vector<int> order;
-    Timer normal, high(eventPriorityStrictHigh);
-    normal.onTimeout = [&] { order.push_back(1); };
-    high.onTimeout = [&] { order.push_back(0); };
-    normal.control->setTimeout(0);
-    high.control->setTimeout(0);
-    doEventLoop();
-    EXPECT_EQ(order, (std::vector<int>{0, 1}));
-}
-
 TEST(LibeventCallback, RequestsCoalesceAndCancelWithdraws) {
-    Callback c;
-    EXPECT_FALSE(c.control->pendingCallback());
-    c.control->requestCallback();
-    c.control->requestCallback();
-    EXPECT_TRUE(c.control->pendingCallback());
+    Probe c;
+    EXPECT_FALSE(c.call->pendingCallback());
+    c.call->requestCallback();
+    c.call->requestCallback();
+    EXPECT_TRUE(c.call->pendingCallback());
     doEventLoop();
     EXPECT_EQ(c.calls, 1);
-    EXPECT_FALSE(c.control->pendingCallback());
-    c.control->requestCallback();
-    c.control->cancelCallback();
+    EXPECT_FALSE(c.call->pendingCallback());
+    c.call->requestCallback();
+    c.call->cancelCallback();
     doEventLoop();
     EXPECT_EQ(c.calls, 1);
 }
 
 TEST(LibeventFd, ReadsPersistWritesAreOneShot) {
     Pipe p;
-    Watcher w;
-    EXPECT_EQ(w.control->getFd(), -1);
-    w.control->setReads(true);  // no descriptor yet: arms nothing
-    w.control->setWrites(true);
+    Probe r, w;
+    EXPECT_EQ(r.fd->getFd(), -1);
+    r.fd->setReads(true);  // no descriptor yet: arms nothing
     ASSERT_EQ(::write(p.fds[1], "x", 1), 1);
     eventLoopTimeout(0.01);
-    EXPECT_EQ(w.reads, 0);
-
-    w.control->setFd(p.fds[0]);
+    EXPECT_EQ(r.reads, 0);
+    r.fd->setFd(p.fds[0]);
     EXPECT_TRUE(::fcntl(p.fds[0], F_GETFL) & O_NONBLOCK);
+    w.fd->setReads(false);
+    w.fd->setWrites(true);
+    w.fd->setFd(p.fds[1]);
     for (int pass = 0; pass < 3; ++pass)
         eventLoopTimeout(0.005);
-    EXPECT_GE(w.reads, 3);  // still readable: notified on every pass
-
-    Watcher writer;
-    writer.control->setReads(false);
-    writer.control->setWrites(true);
-    writer.control->setFd(p.fds[1]);
-    for (int pass = 0; pass < 3; ++pass)
-        eventLoopTimeout(0.005);
-    EXPECT_EQ(writer.writes, 1);
-    writer.control->setWrites(true);
+    EXPECT_GE(r.reads, 3);  // still readable: notified on every pass
+    EXPECT_EQ(w.writes, 1);
+    w.fd->setWrites(true);
+    r.fd->clearEvents();
+    const int reads = r.reads;
     eventLoopTimeout(0.005);
-    EXPECT_EQ(writer.writes, 2);
-
-    w.control->clearEvents();
-    const int before = w.reads;
+    EXPECT_EQ(w.writes, 2);
+    EXPECT_EQ(r.reads, reads);
+    r.fd->setFd(p.fds[0]);  // the flags survived clearEvents: reads re-armed
     eventLoopTimeout(0.005);
-    EXPECT_EQ(w.reads, before);
-    EXPECT_EQ(w.control->getFd(), p.fds[0]);
-    w.control->setFd(p.fds[0]);  // flags survived clearEvents: reads re-armed
-    eventLoopTimeout(0.005);
-    EXPECT_GT(w.reads, before);
-    w.control->delFd();
-    EXPECT_EQ(w.control->getFd(), -1);
-    w.control->delFd();
-    EXPECT_EQ(w.control->getFd(), -1);
+    EXPECT_GT(r.reads, reads);
+    r.fd->delFd();
+    EXPECT_EQ(r.fd->getFd(), -1);
 }
 
 // For each control kind: a claimed exception keeps the loop going, an
-// unclaimed one leaves doEventLoop, and either way the loop's break event is
+// unclaimed one leaves the loop call, and either way the loop's break event is
 // gone afterwards and the loop runs again.
 TEST(LibeventDispatch, HandlerExceptionFollowsItsHook) {
     enum Kind { timer, callback, fd };
@@ -263,35 +182,30 @@ TEST(LibeventDispatch, HandlerExceptionFollowsItsHook) {
         for (bool claims : {true, false}) {
             SCOPED_TRACE(::testing::Message() << "kind " << kind << " claims " << claims);
             Pipe p;
-            Timer t;
-            Callback c;
-            Watcher w;
-            t.throws = c.throws = w.throws = true;
-            t.claims = c.claims = w.claims = claims;
-            Timer later;
-            later.control->setTimeout(0.02);
+            Probe failing, later;
+            failing.throws = true;
+            failing.claims = claims;
+            later.timer->setTimeout(0.02);
             if (kind == timer)
-                t.control->setTimeout(0);
+                failing.timer->setTimeout(0);
             if (kind == callback)
-                c.control->requestCallback();
+                failing.call->requestCallback();
             if (kind == fd) {
                 ASSERT_EQ(::write(p.fds[1], "x", 1), 1);
-                w.control->setFd(p.fds[0]);
+                failing.fd->setFd(p.fds[0]);
             }
-            bool thrown = false;
-            try {
-                eventLoopTimeout(claims ? 0.1 : 5.0);
-            } catch (const std::runtime_error&) {
-                thrown = true;
+            if (claims) {
+                EXPECT_NO_THROW(eventLoopTimeout(0.1));
+            } else {
+                EXPECT_THROW(eventLoopTimeout(5.0), std::runtime_error);
             }
-            EXPECT_EQ(thrown, !claims);
             EXPECT_EQ(later.fired, claims ? 1 : 0);
-            w.control->delFd();
-            later.control->delTimeout();
+            failing.fd->delFd();
+            later.timer->delTimeout();
             timeval first;
             EXPECT_NE(Impl::event_base_get_first_timeout(leBase(), &first), 0);
-            Timer again;
-            again.control->setTimeout(0);
+            Probe again;
+            again.timer->setTimeout(0);
             doEventLoop();
             EXPECT_EQ(again.fired, 1);
         }
@@ -302,38 +216,28 @@ TEST(LibeventDispatch, HandlerExceptionFollowsItsHook) {
 // armed after a slow handler if the loop-pass time were cached.
 TEST(LibeventTimer, NeverRunsBeforeItsTime) {
     std::mt19937 random(7);
-    std::vector<std::unique_ptr<Timer>> timers;
+    std::vector<Probe> timers(200);
     int early = 0;
-    auto armChecked = [&](Timer& t, double delay) {
-        const double due = Kelvo::time() + delay;
-        t.onTimeout = [&early, due] { early += Kelvo::time() < due; };
-        t.control->setTimeout(delay);
-    };
-    Timer slow;
-    slow.onTimeout = [&] {
-        const double until = Kelvo::time() + 0.03;
-        while (Kelvo::time() < until) {
+    auto armAll = [&](unsigned maxMicros) {
+        for (Probe& t : timers) {
+            const double delay = (random() % maxMicros) / 1e6, due = Kelvo::time() + delay;
+            t.onTimeout = [&early, due] { early += Kelvo::time() < due; };
+            t.timer->setTimeout(delay);
         }
-        for (auto& t : timers)
-            armChecked(*t, (random() % 5000) / 1e6);
     };
-    for (int i = 0; i < 200; ++i)
-        timers.push_back(std::make_unique<Timer>());
-    for (auto& t : timers)
-        armChecked(*t, (random() % 20000) / 1e6);
+    Probe slow;
+    slow.onTimeout = [&] {
+        for (const double until = Kelvo::time() + 0.03; Kelvo::time() < until;) {
+        }
+        armAll(5000);
+    };
+    armAll(20000);
     doEventLoop();
-    slow.control->setTimeout(0);
-    doEventLoop();
-    Callback c;
-    const double requested = Kelvo::time();
-    c.control->requestCallback();
+    slow.timer->setTimeout(0);
     doEventLoop();
     EXPECT_EQ(early, 0);
-    EXPECT_EQ(slow.fired, 1);
-    EXPECT_EQ(c.calls, 1);
-    EXPECT_GE(Kelvo::time(), requested);
-    for (auto& t : timers)
-        EXPECT_EQ(t->fired, 2);
+    for (const Probe& t : timers)
+        EXPECT_EQ(t.fired, 2);
 }
 
 TEST(WaitForDefault, ParsedOnceFromEnvironment) {
@@ -351,37 +255,29 @@ TEST(WaitForDefault, ParsedOnceFromEnvironment) {
         ::testing::ExitedWithCode(0), "Parsing the WAITFOR_DEFAULT env. variable failed");
 }
 
-TEST_F(FastForward, UnboundedLoopSkipsToTheTimer) {
-    Timer t;
-    const double start = Kelvo::time();
-    t.control->setTimeout(10);
-    doEventLoop(60);
-    EXPECT_EQ(t.fired, 1);
-    EXPECT_GE(Kelvo::time() - start, 60.0);
-    EXPECT_LT(Kelvo::time() - start, 70.0);
-}
-
-TEST_F(FastForward, FirstTimerStepIncludesExtraDelay) {
-    Timer t;
+// One timer 10 s ahead: the loop jumps to it plus the 100 us extra delay,
+// then to the end; with no timer the step is the whole maximum.
+TEST_F(FastForward, StepsToFirstTimerThenToTheEnd) {
+    Probe t;
     double at = 0;
     t.onTimeout = [&] { at = Kelvo::time(); };
     const double start = Kelvo::time();
     const double offset = leVirtualTimeOffset();
-    t.control->setTimeout(10);
+    t.timer->setTimeout(10);
     eventLoopFastForwardToFirstTimer(100);
     EXPECT_EQ(t.fired, 1);
-    const double advanced = leVirtualTimeOffset() - offset;
-    EXPECT_GE(advanced, 10.0001 - 0.01);
-    EXPECT_LE(advanced, 10.0001 + 1e-6);
     EXPECT_GE(at, start + 10);
-}
-
-TEST_F(FastForward, NoTimersAdvancesByTheMaximum) {
+    EXPECT_NEAR(leVirtualTimeOffset() - offset, 10.0001, 0.01);
+    EXPECT_LE(leVirtualTimeOffset() - offset, 10.0001 + 1e-6);
+    t.timer->setTimeout(10);
+    doEventLoop(60);
+    EXPECT_EQ(t.fired, 2);
+    EXPECT_GE(Kelvo::time() - start, 70.0);
+    EXPECT_LT(Kelvo::time() - start, 80.0);
     const timeval before = leVirtualTimeOffsetTimeval();
     eventLoopFastForwardToFirstTimer(5);
-    const timeval after = leVirtualTimeOffsetTimeval();
-    EXPECT_EQ(after.tv_sec - before.tv_sec, 5);
-    EXPECT_EQ(after.tv_usec, before.tv_usec);
+    EXPECT_EQ(leVirtualTimeOffsetTimeval().tv_sec - before.tv_sec, 5);
+    EXPECT_EQ(leVirtualTimeOffsetTimeval().tv_usec, before.tv_usec);
 }
 
 TEST_F(FastForward, OffsetMicrosecondsCarry) {
@@ -398,13 +294,13 @@ TEST_F(FastForward, OffsetMicrosecondsCarry) {
 
 TEST_F(FastForward, ShiftKeepsTimerOrderAndDueTimerGivesZeroDelta) {
     std::vector<int> order;
-    Timer a, b, c;
+    Probe a, b, c;
     a.onTimeout = [&] { order.push_back(0); };
     b.onTimeout = [&] { order.push_back(1); };
     c.onTimeout = [&] { order.push_back(2); };
-    c.control->setTimeout(30);
-    a.control->setTimeout(10);
-    b.control->setTimeout(10.000002);
+    c.timer->setTimeout(30);
+    a.timer->setTimeout(10);
+    b.timer->setTimeout(10.000002);
     const timeval shift = {40, 0};
     applyFastForwardDelta(&shift);
     timeval delay;
@@ -444,36 +340,4 @@ TEST_F(FastForward, SwitchNotifiesOnChangeOnlyAndOnlyOnMainThread) {
     const double before = Kelvo::time();
     fastForwardBy(2);
     EXPECT_GE(Kelvo::time() - before, 2.0);
-}
-
-// The child gets its own epoll instance from leForkReinit and serves both
-// timers and descriptors; the parent's loop keeps working beside it.
-TEST(LibeventFork, ChildReinitialisesAndDispatches) {
-    Pipe p;
-    Watcher w;
-    w.control->setFd(p.fds[0]);
-    const pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        leForkReinit();
-        Timer t;
-        t.control->setTimeout(0.01);
-        if (::write(p.fds[1], "c", 1) != 1)
-            std::_Exit(3);
-        eventLoopTimeout(0.05);
-        std::_Exit(t.fired == 1 && w.reads >= 1 ? 0 : 1);
-    }
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0);
-    char drained[8];
-    while (::read(p.fds[0], drained, sizeof drained) > 0) {
-    }
-    ASSERT_EQ(::write(p.fds[1], "p", 1), 1);
-    Timer t;
-    t.control->setTimeout(0.01);
-    eventLoopTimeout(0.05);
-    EXPECT_EQ(t.fired, 1);
-    EXPECT_GE(w.reads, 1);
 }

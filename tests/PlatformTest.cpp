@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <thread>
 
 using namespace Kelvo;
 using namespace Kelvo::Platform;
@@ -42,15 +41,4 @@ TEST(ValuePrinter, RegisteredRendererElseHexDump) {
     EXPECT_EQ(printer->toString(&value), "0000: 04 03 02 01  ....");
     introspectionFunctionIs("Demo::Word", nullptr);
     EXPECT_EQ(printer->customToString(&value), "");
-}
-
-TEST(ValuePrinter, MapIsSharedAcrossThreads) {
-    introspectionFunctionIs("Demo::Flag", [](const void*) { return String("flag"); });
-    String seen;
-    std::thread([&] {
-        const bool flag = true;
-        seen = getValuePrinter("Demo::Flag", 1)->toString(&flag);
-    }).join();
-    EXPECT_EQ(seen, "flag");
-    introspectionFunctionIs("Demo::Flag", nullptr);
 }
