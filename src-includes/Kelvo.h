@@ -9,4 +9,5 @@
 #include "KelvoBase.h"
 #include "LockingCpp.h"
 #include "ThreadCpp.h"
+#include "Timeout.h"
 #include "TypeNameCpp.h"
