@@ -29,7 +29,7 @@ def main():
         exe = os.path.join(args.build_dir, "bench", program)
         wanted = sorted({g[2] for g in goals if g[1] == program} |
                         {g[3] for g in goals if g[1] == program})
-        pattern = "^(" + "|".join(map(lambda s: s.replace("/", "\\/"), wanted)) + ")$"
+        pattern = "^(" + "|".join(wanted) + ")$"
         out = subprocess.run([exe, "--benchmark_format=json",
                               "--benchmark_min_time=" + args.min_time,
                               "--benchmark_repetitions=" + args.repetitions,

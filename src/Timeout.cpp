@@ -151,20 +151,29 @@ void timeouts_update(timeouts* T, timeout_t abstime) {
     for (int level = 0;
          level < kLevels && (T->now >> (level * kSlotBits)) != (abstime >> (level * kSlotBits));
          ++level) {
-        uint64_t reached;
+        uint64_t due, cascade = 0;
         if ((T->now & ~lowDigits(level)) != (abstime & ~lowDigits(level))) {
             // abstime is in a later round of this level: all its entries are due.
-            reached = ~uint64_t(0);
+            due = ~uint64_t(0);
         } else {
-            // Slots digit(now)+1 .. digit(abstime): those below are all due, those
-            // of digit(abstime) are due or move down a level. 2 << 63 wraps to 0.
+            // Slots digit(now)+1 .. digit(abstime)-1 are due as a whole; the
+            // entries of slot digit(abstime) are due or move to a lower level.
             unsigned from = digit(T->now, level), to = digit(abstime, level);
-            reached = ((uint64_t(2) << to) - 1) & ~((uint64_t(2) << from) - 1);
+            due = ((uint64_t(1) << to) - 1) & ~((uint64_t(2) << from) - 1);
+            cascade = uint64_t(1) << to;
         }
-        reached &= T->occupied[level];
-        T->occupied[level] &= ~reached;
-        for (; reached; reached &= reached - 1) {
-            TAILQ_CONCAT(&moved, &T->slot[level * kSlots + __builtin_ctzll(reached)], tqe);
+        due &= T->occupied[level];
+        cascade &= T->occupied[level];
+        T->occupied[level] &= ~(due | cascade);
+        for (; due; due &= due - 1) {
+            timeout_list* list = &T->slot[level * kSlots + __builtin_ctzll(due)];
+            for (timeout* to = TAILQ_FIRST(list); to; to = TAILQ_NEXT(to, tqe)) {
+                to->pending = &T->expired;
+            }
+            TAILQ_CONCAT(&T->expired, list, tqe);
+        }
+        if (cascade) {
+            TAILQ_CONCAT(&moved, &T->slot[level * kSlots + __builtin_ctzll(cascade)], tqe);
         }
     }
     T->now = abstime;
