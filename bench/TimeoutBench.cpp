@@ -8,6 +8,8 @@
 #include <boost/intrusive/list.hpp>
 
 #include <cstdlib>
+#include <map>
+#include <memory>
 #include <new>
 #include <random>
 #include <vector>
@@ -72,60 +74,78 @@ void BM_ListLinkUnlink(benchmark::State& state) {
 }
 BENCHMARK(BM_ListLinkUnlink);
 
+// A wheel with n entries. Building 1e6 entries costs more than a short run
+// measures, and the benchmark library calls each function several times while
+// it sizes a run, so every wheel is built once and kept until exit.
+struct Loaded {
+    timeouts* T = timeouts_open(100, nullptr);
+    std::vector<timeout> entries;
+    explicit Loaded(size_t n) : entries(n) {}
+    ~Loaded() { timeouts_close(T); }
+};
+
+Loaded& loaded(std::map<size_t, std::unique_ptr<Loaded>>& wheels, size_t n, void (*fill)(Loaded&)) {
+    auto& w = wheels[n];
+    if (!w) {
+        w = std::make_unique<Loaded>(n);
+        fill(*w);
+    }
+    return *w;
+}
+
 // Schedule and cancel one entry while range(0) others are pending.
 void BM_TimeoutAddDel(benchmark::State& state) {
-    size_t n = size_t(state.range(0));
-    timeouts* T = timeouts_open(100, nullptr);
-    std::vector<timeout> pending(n);
-    std::vector<timeout_t> fill = delays(n, 1), probe = delays(4096, 2);
-    for (size_t i = 0; i < n; ++i) {
-        timeouts_add(T, timeout_init(&pending[i], 0), fill[i]);
-    }
+    static std::map<size_t, std::unique_ptr<Loaded>> wheels;
+    Loaded& w = loaded(wheels, size_t(state.range(0)), [](Loaded& w) {
+        std::vector<timeout_t> fill = delays(w.entries.size(), 1);
+        for (size_t i = 0; i < fill.size(); ++i) {
+            timeouts_add(w.T, timeout_init(&w.entries[i], 0), fill[i]);
+        }
+    });
+    std::vector<timeout_t> probe = delays(4096, 2);
     timeout to;
     timeout_init(&to, 0);
     size_t i = 0, before = allocations;
     for (auto _ : state) {
-        timeouts_add(T, &to, probe[i++ & 4095]);
-        timeouts_del(T, &to);
+        timeouts_add(w.T, &to, probe[i++ & 4095]);
+        timeouts_del(w.T, &to);
         benchmark::ClobberMemory();
     }
     countAllocations(state, before);
-    timeouts_close(T);
 }
 BENCHMARK(BM_TimeoutAddDel)->Arg(1000)->Arg(1000000);
 
+// n entries spread over n ticks.
+void refill(Loaded& w) {
+    static std::mt19937_64 rng(3);
+    for (auto& e : w.entries) {
+        timeouts_add(w.T, timeout_init(&e, 0), 1 + rng() % w.entries.size());
+    }
+}
+
 // One iteration takes one expired entry, advancing the wheel as an event loop
-// would (to the bound timeouts_timeout() gives) whenever none is waiting.
-// range(0) entries spread over as many ticks are scheduled at a time; the
-// wheel is refilled, untimed, when it has run dry.
+// would (to the bound timeouts_timeout() gives) whenever none is waiting. The
+// wheel holds range(0) entries spread over as many ticks and is refilled,
+// untimed, when it has run dry.
 void BM_TimeoutFire(benchmark::State& state) {
-    size_t n = size_t(state.range(0));
-    timeouts* T = timeouts_open(100, nullptr);
-    std::vector<timeout> entries(n);
-    std::mt19937_64 rng(3);
-    auto refill = [&] {
-        for (auto& e : entries) {
-            timeouts_add(T, timeout_init(&e, 0), 1 + rng() % n);
-        }
-    };
-    refill();
+    static std::map<size_t, std::unique_ptr<Loaded>> wheels;
+    Loaded& w = loaded(wheels, size_t(state.range(0)), refill);
     size_t before = allocations;
     for (auto _ : state) {
         timeout* to;
-        while (!(to = timeouts_get(T))) {
-            timeout_t ticks = timeouts_timeout(T);
+        while (!(to = timeouts_get(w.T))) {
+            timeout_t ticks = timeouts_timeout(w.T);
             if (ticks == kNever) {
                 state.PauseTiming();
-                refill();
+                refill(w);
                 state.ResumeTiming();
             } else {
-                timeouts_update(T, timeouts_now(T) + ticks);
+                timeouts_update(w.T, timeouts_now(w.T) + ticks);
             }
         }
         benchmark::DoNotOptimize(to);
     }
     countAllocations(state, before);
-    timeouts_close(T);
 }
 BENCHMARK(BM_TimeoutFire)->Arg(1000)->Arg(1000000);
 
