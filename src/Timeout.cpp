@@ -3,6 +3,7 @@
 
 #include <errno.h>
 
+#include <functional>
 #include <new>
 
 // A tick is read as kLevels digits of kSlotBits bits; level L is indexed by
@@ -68,7 +69,9 @@ void link(timeouts* T, timeout* to) {
 
 void unlink(timeouts* T, timeout* to) {
     timeout_list* list = to->pending;
-    bool inSlot = list >= T->slot && list < T->slot + kLevels * kSlots;
+    // std::less: a plain < between pointers into different objects is unspecified.
+    std::less<const timeout_list*> before;
+    bool inSlot = !before(list, T->slot) && before(list, T->slot + kLevels * kSlots);
     KELVO_ASSERT(inSlot || list == &T->expired, "timeout {} is scheduled on another wheel",
                  static_cast<void*>(to));
     TAILQ_REMOVE(list, to, tqe);
@@ -211,7 +214,9 @@ timeout* timeouts_get(timeouts* T) {
         // served and leaves the entry idle. caughtUp <= now, so only the
         // last addition can overflow.
         timeout_t caughtUp = to->expires + (T->now - to->expires) / to->interval * to->interval;
-        if (!__builtin_add_overflow(caughtUp, to->interval, &to->expires)) {
+        timeout_t next;
+        if (!__builtin_add_overflow(caughtUp, to->interval, &next)) {
+            to->expires = next;
             link(T, to);
         }
     }
