@@ -69,7 +69,7 @@ void link(timeouts* T, timeout* to) {
 
 void unlink(timeouts* T, timeout* to) {
     timeout_list* list = to->pending;
-    // std::less: a plain < between pointers into different objects is unspecified.
+    // std::less: a plain < gives no order between pointers into different objects.
     std::less<const timeout_list*> before;
     bool inSlot = !before(list, T->slot) && before(list, T->slot + kLevels * kSlots);
     KELVO_ASSERT(inSlot || list == &T->expired, "timeout {} is scheduled on another wheel",
