@@ -13,4 +13,5 @@
 #include "LockingCpp.h"
 #include "PlatformCpp.h"
 #include "ThreadCpp.h"
+#include "Timeout.h"
 #include "TypeNameCpp.h"
