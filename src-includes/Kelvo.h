@@ -14,4 +14,5 @@
 #include "PlatformCpp.h"
 #include "ThreadCpp.h"
 #include "Timeout.h"
+#include "TimerWheelCpp.h"
 #include "TypeNameCpp.h"
