@@ -8,7 +8,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
+#include <functional>
 #include <limits>
+#include <memory>
+#include <stdexcept>
 #include <string>
 
 namespace KelvoTest {
@@ -48,6 +53,42 @@ class FastForward : public ::testing::Test {
   protected:
     void SetUp() override { Kelvo::Platform::setFastForward(true); }
     void TearDown() override { Kelvo::Platform::setFastForward(false); }
+};
+
+// Handler of all three kinds, counting its notifications; when told to, it
+// throws from each and claims (or not) the exception in its hook.
+struct Probe : Kelvo::Platform::TimeoutHandler,
+               Kelvo::Platform::CallbackHandler,
+               Kelvo::Platform::FdEventHandler {
+    std::shared_ptr<Kelvo::Platform::TimerControl> timer = Kelvo::Platform::getTimerControl(this);
+    std::shared_ptr<Kelvo::Platform::CallbackControl> call =
+        Kelvo::Platform::getCallbackControl(this);
+    std::shared_ptr<Kelvo::Platform::FdControl> fd = Kelvo::Platform::getFdControl(this);
+    std::function<void()> onTimeout;
+    int fired = 0, calls = 0, reads = 0, writes = 0;
+    bool throws = false, claims = false;
+    void check() {
+        if (throws)
+            throw std::runtime_error("handler failed");
+    }
+    void timeout() override {
+        ++fired;
+        if (onTimeout)
+            onTimeout();
+        check();
+    }
+    void callback() override { ++calls, check(); }
+    void readFdEvent(int) override { ++reads, check(); }
+    void writeFdEvent(int) override { ++writes; }
+    bool handleTimeoutException() override { return claims; }
+    bool handleCallbackException() override { return claims; }
+    bool handleFdException(int) override { return claims; }
+};
+
+struct Pipe {
+    int fds[2];
+    Pipe() { EXPECT_EQ(::pipe(fds), 0); }
+    ~Pipe() { ::close(fds[0]), ::close(fds[1]); }
 };
 
 }  // namespace KelvoTest

@@ -15,43 +15,6 @@ using namespace Kelvo::Platform;
 using namespace KelvoTest;
 using ::testing::HasSubstr;
 
-namespace {
-
-// Handler of all three kinds, counting its notifications; when told to, it
-// throws from each and claims (or not) the exception in its hook.
-struct Probe : TimeoutHandler, CallbackHandler, FdEventHandler {
-    std::shared_ptr<TimerControl> timer = getTimerControl(this);
-    std::shared_ptr<CallbackControl> call = getCallbackControl(this);
-    std::shared_ptr<FdControl> fd = getFdControl(this);
-    std::function<void()> onTimeout;
-    int fired = 0, calls = 0, reads = 0, writes = 0;
-    bool throws = false, claims = false;
-    void check() {
-        if (throws)
-            throw std::runtime_error("handler failed");
-    }
-    void timeout() override {
-        ++fired;
-        if (onTimeout)
-            onTimeout();
-        check();
-    }
-    void callback() override { ++calls, check(); }
-    void readFdEvent(int) override { ++reads, check(); }
-    void writeFdEvent(int) override { ++writes; }
-    bool handleTimeoutException() override { return claims; }
-    bool handleCallbackException() override { return claims; }
-    bool handleFdException(int) override { return claims; }
-};
-
-struct Pipe {
-    int fds[2];
-    Pipe() { EXPECT_EQ(::pipe(fds), 0); }
-    ~Pipe() { ::close(fds[0]), ::close(fds[1]); }
-};
-
-}  // namespace
-
 TEST(EventPriority, NamesValidityAndTraceForm) {
     struct Case {
         int value;
