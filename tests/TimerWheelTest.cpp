@@ -120,6 +120,35 @@ TEST(TimerWheel, StoppingLeavesMasterTimerUntilItFindsNothing) {
     EXPECT_EQ(wheel->masterTimerExpiry(), inf);
 }
 
+// Real time: wheel timers armed before and at the end of a slow handler, with
+// delays below and across the 10 ms tick, all run at or after their expiry.
+TEST(TimerWheel, NeverRunsBeforeItsTimeInRealTime) {
+    auto wheel = getTimerWheelForTaskScheduler(eventPriorityDefault);
+    std::mt19937 random(5);
+    std::vector<std::unique_ptr<Timer>> timers;
+    for (int i = 0; i < 100; ++i)
+        timers.push_back(std::make_unique<Timer>(wheel));
+    std::vector<int> expected(timers.size(), 1);
+    Probe slow;
+    slow.onTimeout = [&] {
+        for (const double until = Kelvo::time() + 0.03; Kelvo::time() < until;) {
+        }
+        // Timers still pending are restarted, not fired twice.
+        for (size_t i = 0; i < timers.size(); ++i) {
+            expected[i] = timers[i]->fired + 1;
+            timers[i]->start((random() % 25000) / 1e6);
+        }
+    };
+    for (auto& t : timers)
+        t->start((random() % 25000) / 1e6);
+    slow.timer->setTimeout(0.005);
+    doEventLoop();
+    for (size_t i = 0; i < timers.size(); ++i) {
+        EXPECT_EQ(timers[i]->fired, expected[i]);
+        EXPECT_EQ(timers[i]->early, 0);
+    }
+}
+
 // A handler that restarts itself and stops a sibling due in the same pass.
 TEST_F(FastForwardWheel, HandlersMayRestartAndStopTimersDuringTheWalk) {
     Timer self(wheel), sibling(wheel), bystander(wheel);
