@@ -8,7 +8,6 @@
 #include <time.h>
 
 #include <algorithm>
-#include <cassert>
 #include <cmath>
 #include <exception>
 #include <iostream>
