@@ -58,9 +58,7 @@ class KELVO_EXPORT HashMix {
             mixWord(load<T>(p));
         }
         if (length > 0) {
-            unsigned char buffer[wordSize] = {};
-            std::memcpy(buffer + wordSize - length, p, length);
-            mixWord(load<T>(buffer));
+            mixWord(tailWord(p, length));
         }
         return *this;
     }
@@ -91,6 +89,28 @@ class KELVO_EXPORT HashMix {
         W word;
         std::memcpy(&word, p, sizeof word);  // inputs need not be aligned
         return word;
+    }
+    // The 1 to W-1 tail bytes as if copied to the end of a zeroed word and
+    // loaded: little-endian in the most significant bytes. Built from at most
+    // three fixed-size loads, each byte read once, instead of a variable-length
+    // copy, which costs a library call per short key.
+    static T tailWord(const unsigned char* p, size_t length) noexcept {
+        T word = 0;
+        size_t at = 0;
+        if constexpr (wordSize == 8) {
+            if (length & 4) {
+                word = load<uint32_t>(p);
+                at = 4;
+            }
+        }
+        if (length & 2) {
+            word |= static_cast<T>(load<uint16_t>(p + at)) << (8 * at);
+            at += 2;
+        }
+        if (length & 1) {
+            word |= static_cast<T>(p[at]) << (8 * at);
+        }
+        return word << (8 * (wordSize - length));
     }
     void mixWord(T word) noexcept {
         state_ ^= word;
