@@ -20,31 +20,26 @@ void require(bool ok, const char* what) {
     }
 }
 
+// The generators are process-wide and the seed is chosen once per process:
+// every case runs in a freshly started copy of this program.
 class RandomDeathTest : public testing::Test {
   protected:
-    // The generators are process-wide and the seed is chosen once per process:
-    // every case runs in a freshly started copy of this program.
     void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
 };
 
 }  // namespace
 
 TEST(Random, EngineMatchesTheStandardMt19937_64) {
-    for (uint64_t seed : {0ull, 1ull, 42ull, 5489ull, 0xffffffffull, 0x8000000000000001ull}) {
+    for (uint64_t seed : {0ull, 42ull, 5489ull, 0xffffffffull, 0x8000000000000001ull}) {
         Kelvo::Impl::Mt19937_64 ours(seed);
         std::mt19937_64 reference(seed);
-        // Several refills of the 312-word state.
-        for (int i = 0; i < 2000; ++i) {
+        for (int i = 0; i < 2000; ++i) {  // several refills of the state
             ASSERT_EQ(ours(), reference()) << "seed " << seed << " draw " << i;
         }
     }
-    Kelvo::Impl::Mt19937_64 reseeded(7);
-    reseeded();
-    reseeded.seedIs(42);
-    EXPECT_EQ(reseeded(), std::mt19937_64(42)());
 }
 
-TEST(Random, RandomStringUsesDigitsLettersAndTheZeroByte) {
+TEST(Random, RandomStringDrawsEvenlyFromDigitsLettersAndTheZeroByte) {
     EXPECT_EQ(Random::randomString(0), "");
     const std::string text = Random::randomString(63 * 1000);
     ASSERT_EQ(text.size(), 63u * 1000u);
@@ -52,13 +47,11 @@ TEST(Random, RandomStringUsesDigitsLettersAndTheZeroByte) {
     for (unsigned char c : text) {
         ++counts[c];
     }
-    const std::string alphabet =
-        std::string("0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz") + '\0';
     int inAlphabet = 0;
-    for (unsigned char c : alphabet) {
-        // Each of the 63 symbols is drawn about 1000 times.
-        EXPECT_GT(counts[c], 700) << "symbol " << int(c);
-        EXPECT_LT(counts[c], 1300) << "symbol " << int(c);
+    for (unsigned char c :
+         std::string("0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz") + '\0') {
+        EXPECT_TRUE(counts[c] > 700 && counts[c] < 1300)
+            << "symbol " << int(c) << ": " << counts[c];
         inAlphabet += counts[c];
     }
     EXPECT_EQ(inAlphabet, 63 * 1000) << "characters outside the alphabet";
@@ -69,8 +62,7 @@ TEST_F(RandomDeathTest, SeedFromEnvironmentIsPrintedFixedAndReplayable) {
         {
             setenv("ZUTEST_RANDSEED", "42", 1);
             require(Random::getSeed() == 0, "seed is 0 before setSeed");
-            std::mt19937_64 standard;
-            require(Random::rand64() == standard(), "default sequence before setSeed");
+            require(Random::rand64() == std::mt19937_64()(), "default sequence before setSeed");
             Random::setSeed();
             require(Random::getSeed() == 42, "getSeed");
             const uint64_t first = Random::rand64();
@@ -89,52 +81,27 @@ TEST_F(RandomDeathTest, SeedFromEnvironmentIsPrintedFixedAndReplayable) {
         "Kelvo::Random::setSeed\\(\\), setting seed to 42\n");
 }
 
-TEST_F(RandomDeathTest, SeedTextIsReadAsDecimalTruncatedTo32Bits) {
+TEST_F(RandomDeathTest, SeedIsDecimalTruncatedTo32BitsOrTheClock) {
     const struct {
-        const char* env;
+        const char* env;  // null: unset, the seed comes from the clock
         uint64_t seed;
     } cases[] = {
-        {"4294967338", 42},           // 2^32 + 42
-        {"4294967295", 4294967295u},  // largest 32-bit value
-        {"123abc", 123},              // stops at the first non-digit
-        {"abc", 0},
-        {"", 0},
+        {"4294967338", 42},                        // 2^32 + 42
         {"99999999999999999999999", 4135583743u},  // wraps, does not saturate
+        {"123abc", 123},                           // stops at the first non-digit
+        {nullptr, 0},
     };
     for (const auto& c : cases) {
         EXPECT_EXIT(
             {
-                setenv("ZUTEST_RANDSEED", c.env, 1);
+                c.env ? setenv("ZUTEST_RANDSEED", c.env, 1) : unsetenv("ZUTEST_RANDSEED");
                 Random::setSeed();
-                require(Random::getSeed() == c.seed, c.env);
-                require(Random::rand64() == std::mt19937_64(c.seed)(), "engine seeded");
+                require(!c.env || Random::getSeed() == c.seed, "seed");
+                require(Random::rand64() == std::mt19937_64(Random::getSeed())(), "engine seeded");
                 _exit(0);
             },
-            testing::ExitedWithCode(0), "setting seed to " + std::to_string(c.seed) + "\n")
-            << "ZUTEST_RANDSEED=" << c.env;
+            testing::ExitedWithCode(0),
+            "setting seed to " + (c.env ? std::to_string(c.seed) : "[0-9]+") + "\n")
+            << (c.env ? c.env : "unset");
     }
-}
-
-TEST_F(RandomDeathTest, SeedWithoutEnvironmentComesFromTheClockAndIsPrinted) {
-    EXPECT_EXIT(
-        {
-            unsetenv("ZUTEST_RANDSEED");
-            // Capture our own standard error to compare the printed seed.
-            int fds[2];
-            require(pipe(fds) == 0, "pipe");
-            const int saved = dup(2);
-            dup2(fds[1], 2);
-            Random::setSeed();
-            dup2(saved, 2);
-            close(fds[1]);
-            char buffer[128] = {};
-            require(read(fds[0], buffer, sizeof buffer - 1) > 0, "seed printed");
-            const std::string expected = "Kelvo::Random::setSeed(), setting seed to " +
-                                         std::to_string(Random::getSeed()) + "\n";
-            require(buffer == expected, buffer);
-            require(Random::getSeed() <= 999999999u, "nanoseconds part of a clock reading");
-            require(Random::rand64() == std::mt19937_64(Random::getSeed())(), "engine seeded");
-            _exit(0);
-        },
-        testing::ExitedWithCode(0), "");
 }
