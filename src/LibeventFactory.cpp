@@ -572,7 +572,8 @@ double waitForDefaultTimeout() {
 // relative delay moves it. This needs no private libevent build, at the cost
 // of a walk over the base's events per fast-forward step; the loops that
 // fast-forward hold few libevent timers (the timer wheel multiplexes many
-// timers onto one).
+// timers onto one). A persistent event with a timeout would take its shifted
+// delay as its new period; the library arms none.
 
 namespace Impl {
 
