@@ -29,7 +29,7 @@ def main():
         exe = os.path.join(args.build_dir, "bench", program)
         wanted = sorted({g[2] for g in goals if g[1] == program} |
                         {g[3] for g in goals if g[1] == program})
-        pattern = "^(" + "|".join(map(lambda s: s.replace("/", "\\/"), wanted)) + ")$"
+        pattern = "^(" + "|".join(wanted) + ")$"
         out = subprocess.run([exe, "--benchmark_format=json",
                               "--benchmark_min_time=" + args.min_time,
                               "--benchmark_repetitions=" + args.repetitions,
@@ -37,8 +37,11 @@ def main():
                               "--benchmark_filter=" + pattern],
                              check=True, capture_output=True, text=True).stdout
         for b in json.loads(out)["benchmarks"]:
-            if b.get("aggregate_name") == "median":
-                results[(program, b["run_name"])] = b["real_time"]
+            # A single repetition reports no aggregates, only the run itself.
+            key = (program, b["run_name"])
+            if b.get("aggregate_name") == "median" or (
+                    b.get("run_type") == "iteration" and key not in results):
+                results[key] = b["real_time"]
     failed = 0
     for name, program, subject, baseline, op, bound in goals:
         s, b = results.get((program, subject)), results.get((program, baseline))

@@ -1,0 +1,42 @@
+// Uses the installed headers and library only; exits non-zero when something
+// a daemon relies on does not work.
+#include <Kelvo/Kelvo.h>
+
+#include <cstdio>
+#include <cstring>
+
+namespace {
+int failures = 0;
+
+void expect(bool ok, const char* what) {
+    if (!ok) {
+        std::fprintf(stderr, "consumer: %s\n", what);
+        ++failures;
+    }
+}
+}  // namespace
+
+int main() {
+    auto handle = Kelvo::Platform::getDebugHandler("KelvoConsumer");
+    expect(*handle->levelsPtr == 3, "a Kelvo* handle starts with levels 0 and 1");
+    KELVO_TRACE(handle, 1, "consumer built against the installed package: {}", "ok");
+
+    try {
+        Kelvo::OutOfRangeException::throwException("x");
+    } catch (const Kelvo::Exception& e) {
+        expect(std::strncmp(e.what(), "Kelvo::OutOfRangeException(\"x\")\n", 32) == 0,
+               "exception text");
+    }
+
+    Kelvo::throwOnAssertFailIs(true);
+    try {
+        KELVO_ASSERT(1 + 1 == 3, "arithmetic is {}", "broken");
+        expect(false, "assertion did not fire");
+    } catch (const Kelvo::AssertException& e) {
+        expect(e.message().find("arithmetic is broken") != std::string::npos, "assert text");
+    }
+
+    Kelvo::Platform::LocoGuard guard;
+    expect(Kelvo::Platform::loco().owns_lock(), "global lock held");
+    return failures == 0 ? 0 : 1;
+}

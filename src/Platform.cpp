@@ -1,0 +1,94 @@
+// The event interfaces' defaults, the control factories and loop entry points.
+#include <Kelvo/FmtraceCpp.h>
+#include <Kelvo/LibeventFactoryCpp.h>
+#include <Kelvo/PlatformCpp.h>
+
+#include <time.h>
+
+namespace Kelvo {
+
+double time() noexcept {
+    timespec now;
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9 +
+           leVirtualTimeOffset();
+}
+
+namespace Platform {
+
+const char* eventPriorityToString(EventPriority priority) noexcept {
+    switch (priority) {
+        case eventPriorityStrictHigh:
+            return "eventPriorityStrictHigh";
+        case eventPriorityDefault:
+            return "eventPriorityDefault";
+    }
+    return "";
+}
+
+TimeoutHandler::~TimeoutHandler() = default;
+bool TimeoutHandler::handleTimeoutException() {
+    return false;
+}
+
+CallbackHandler::~CallbackHandler() = default;
+bool CallbackHandler::handleCallbackException() {
+    return false;
+}
+
+FdEventHandler::~FdEventHandler() = default;
+bool FdEventHandler::handleFdException(int) {
+    return false;
+}
+
+TimerControl::~TimerControl() = default;
+CallbackControl::~CallbackControl() = default;
+FdControl::~FdControl() = default;
+
+std::shared_ptr<TimerControl> getTimerControl(TimeoutHandler* handler) {
+    return getLeTimerControl(handler);
+}
+
+std::shared_ptr<TimerControl> getTimerControl(TimeoutHandler* handler, EventPriority priority) {
+    return getLeTimerControl(handler, priority);
+}
+
+std::shared_ptr<CallbackControl> getCallbackControl(CallbackHandler* handler) {
+    return getLeCallbackControl(handler);
+}
+
+std::shared_ptr<FdControl> getFdControl(FdEventHandler* handler) {
+    return getLeFdControl(handler);
+}
+
+void doEventLoop() {
+    doLeEventLoop();
+}
+void doEventLoop(double seconds) {
+    doLeEventLoop(seconds);
+}
+void doEventLoopInWaitfor(double seconds) {
+    doLeEventLoopInWaitfor(seconds);
+}
+
+void setFastForward(bool enabled) {
+    setLeFastForward(enabled);
+}
+bool fastForward() noexcept {
+    return leFastForward();
+}
+
+void fastForwardBy(double seconds) {
+    KELVO_ASSERT(leFastForward(), "fast-forwarding disabled");
+    timeval delta;
+    delta.tv_sec = static_cast<time_t>(seconds);
+    delta.tv_usec = static_cast<suseconds_t>((seconds - static_cast<double>(delta.tv_sec)) * 1e6);
+    applyFastForwardDelta(&delta);
+}
+
+void registerFastForwardChangeNotifier(void (*notifier)()) {
+    leRegisterFastForwardChangeNotifier(notifier);
+}
+
+}  // namespace Platform
+}  // namespace Kelvo
