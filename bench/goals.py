@@ -34,6 +34,9 @@ def main():
                               "--benchmark_min_time=" + args.min_time,
                               "--benchmark_repetitions=" + args.repetitions,
                               "--benchmark_report_aggregates_only=true",
+                              # Interleaved repetitions spread the machine's
+                              # noise over subject and baseline alike.
+                              "--benchmark_enable_random_interleaving=true",
                               "--benchmark_filter=" + pattern],
                              check=True, capture_output=True, text=True).stdout
         for b in json.loads(out)["benchmarks"]:
@@ -42,18 +45,19 @@ def main():
             if b.get("aggregate_name") == "median" or (
                     b.get("run_type") == "iteration" and key not in results):
                 results[key] = b["real_time"]
-    failed = 0
+    missing = 0
     for name, program, subject, baseline, op, bound in goals:
         s, b = results.get((program, subject)), results.get((program, baseline))
         if s is None or b is None:
             print(f"{name}: missing measurement ({subject} / {baseline})")
-            failed += 1
+            missing += 1
             continue
         ratio = s / b
         met = ratio <= bound if op == "<=" else ratio >= bound
-        failed += not met
         print(f"{name}: ratio {ratio:.3f} goal {op} {bound:g} {'met' if met else 'NOT met'}")
-    return 0
+    # Unmet goals are reported, not fatal: timings on a shared machine are
+    # noisy. A benchmark that did not run is a broken program, and is fatal.
+    return 1 if missing else 0
 
 if __name__ == "__main__":
     sys.exit(main())

@@ -59,10 +59,12 @@ RecursiveLock::RecursiveLock() noexcept : owner_(noThread) {
 
 RecursiveLock::~RecursiveLock() { pthread_mutex_destroy(&mutex_); }
 
+// Only the holder changes the count, and only while it holds the mutex, so a
+// plain load and store suffice.
 void RecursiveLock::lock() {
     lockMutex(mutex_);
     owner_.store(std::this_thread::get_id(), std::memory_order_relaxed);
-    count_.fetch_add(1, std::memory_order_relaxed);
+    count_.store(count_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
 }
 
 bool RecursiveLock::try_lock() noexcept {
@@ -70,7 +72,7 @@ bool RecursiveLock::try_lock() noexcept {
         return false;
     }
     owner_.store(std::this_thread::get_id(), std::memory_order_relaxed);
-    count_.fetch_add(1, std::memory_order_relaxed);
+    count_.store(count_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     return true;
 }
 
