@@ -27,8 +27,7 @@ struct ThrowingAsserts : ::testing::Environment {
 inline const auto* const throwingAsserts = ::testing::AddGlobalTestEnvironment(new ThrowingAsserts);
 
 // The message of the assertion that f raises.
-template <typename F>
-std::string assertMessage(F&& f) {
+inline std::string assertMessage(const std::function<void()>& f) {
     try {
         f();
     } catch (const Kelvo::AssertException& e) {
@@ -38,8 +37,7 @@ std::string assertMessage(F&& f) {
 }
 
 // The trace lines written while f runs with the given TRACE setting.
-template <typename F>
-std::string traced(const char* spec, F&& f) {
+inline std::string traced(const char* spec, const std::function<void()>& f) {
     Kelvo::Platform::setupKelvoDebug(spec);
     ::testing::internal::CaptureStderr();
     f();
@@ -55,24 +53,35 @@ class FastForward : public ::testing::Test {
     void TearDown() override { Kelvo::Platform::setFastForward(false); }
 };
 
-// Handler of all three kinds, counting its notifications; when told to, it
-// throws from each and claims (or not) the exception in its hook.
+// Handler of all three kinds, counting its notifications and the timeouts
+// that came before the time start() asked for; when told to, it throws from
+// each and claims (or not) the exception in its hook. Its timer runs on the
+// given wheel, else directly on the loop.
 struct Probe : Kelvo::Platform::TimeoutHandler,
                Kelvo::Platform::CallbackHandler,
                Kelvo::Platform::FdEventHandler {
-    std::shared_ptr<Kelvo::Platform::TimerControl> timer = Kelvo::Platform::getTimerControl(this);
+    std::shared_ptr<Kelvo::Platform::TimerControl> timer;
     std::shared_ptr<Kelvo::Platform::CallbackControl> call =
         Kelvo::Platform::getCallbackControl(this);
     std::shared_ptr<Kelvo::Platform::FdControl> fd = Kelvo::Platform::getFdControl(this);
     std::function<void()> onTimeout;
-    int fired = 0, calls = 0, reads = 0, writes = 0;
+    double due = -inf;
+    int fired = 0, early = 0, calls = 0, reads = 0, writes = 0;
     bool throws = false, claims = false;
+    explicit Probe(std::shared_ptr<Kelvo::TimerWheel> wheel = nullptr)
+        : timer(wheel ? Kelvo::Platform::getTimerControl(this, wheel)
+                      : Kelvo::Platform::getTimerControl(this)) {}
+    ~Probe() override { timer->delTimeout(); }  // a running wheel timer may not be destroyed
+    void start(double seconds) {
+        due = Kelvo::time() + seconds;
+        timer->setTimeout(seconds);
+    }
     void check() {
         if (throws)
             throw std::runtime_error("handler failed");
     }
     void timeout() override {
-        ++fired;
+        ++fired, early += Kelvo::time() < due;
         if (onTimeout)
             onTimeout();
         check();
