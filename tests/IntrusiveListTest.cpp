@@ -50,7 +50,6 @@ TEST(BookmarkList, IteratorsAndCountsNeverShowBookmarksAndNodesOutliveLists) {
         m4.insertBefore(reg.end());  // before the end: last
         EXPECT_THAT(ids(reg), ElementsAre(1, 2));
         EXPECT_EQ(reg.elementCount(), 2u);
-        EXPECT_EQ(&reg.front(), a.get());
         // Built at a bookmark, an iterator moves over consecutive bookmarks to
         // the next element (0: the end); built at an element, it stays.
         auto at = [&](const auto& node) {
@@ -65,7 +64,6 @@ TEST(BookmarkList, IteratorsAndCountsNeverShowBookmarksAndNodesOutliveLists) {
         EXPECT_THAT(ids(run), ElementsAre(1, 3));
         EXPECT_THAT(ids(reg), ElementsAre(1));
         reg.pushFront(*c);
-        m1.unlink();  // m2..m4 stay linked as reg goes
     }
     // Lists destroyed with nodes on them leave every node unlinked.
     EXPECT_FALSE(a->runLink.isLinked() || a->regLink.isLinked() || c->regLink.isLinked());
