@@ -60,7 +60,7 @@ void checkAgainstReference(std::mt19937_64& rng, const std::vector<unsigned char
 }  // namespace
 
 TEST(HashMix, HashesStartAtTheOffsetBasisAndFollowTheModel) {
-    for (const std::string input : {""s, "abcdefghi"s, "\0\0\0"s}) {  // zero bytes still mix
+    for (const std::string& input : {""s, "abcdefghi"s, "\0\0\0"s}) {  // zero bytes still mix
         const auto* p = reinterpret_cast<const unsigned char*>(input.data());
         const auto n = static_cast<unsigned>(input.size());
         const uint32_t h32 = referenceMix<uint32_t>(0x811c9dc5u, p, n);
