@@ -4,30 +4,12 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <map>
 #include <random>
 #include <string>
 #include <unistd.h>
 
 using Kelvo::Random;
-
-namespace {
-
-// Inside a death-test child: report the failed check and exit non-zero.
-void require(bool ok, const char* what) {
-    if (!ok) {
-        std::fprintf(stderr, "check failed: %s\n", what);
-        _exit(1);
-    }
-}
-
-// The generators are process-wide and the seed is chosen once per process:
-// every case runs in a freshly started copy of this program.
-class RandomDeathTest : public testing::Test {
-  protected:
-    void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
-};
-
-}  // namespace
 
 TEST(Random, EngineMatchesTheStandardMt19937_64) {
     for (uint64_t seed : {0ull, 42ull, 5489ull, 0xffffffffull, 0x8000000000000001ull}) {
@@ -41,67 +23,57 @@ TEST(Random, EngineMatchesTheStandardMt19937_64) {
 
 TEST(Random, RandomStringDrawsEvenlyFromDigitsLettersAndTheZeroByte) {
     EXPECT_EQ(Random::randomString(0), "");
-    const std::string text = Random::randomString(63 * 1000);
-    ASSERT_EQ(text.size(), 63u * 1000u);
-    int counts[256] = {};
-    for (unsigned char c : text) {
+    std::map<char, int> counts;
+    for (char c : Random::randomString(63 * 1000)) {
         ++counts[c];
     }
-    int inAlphabet = 0;
-    for (unsigned char c :
-         std::string("0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz") + '\0') {
-        EXPECT_TRUE(counts[c] > 700 && counts[c] < 1300)
-            << "symbol " << int(c) << ": " << counts[c];
-        inAlphabet += counts[c];
+    std::string symbols, uneven;
+    for (const auto& [c, n] : counts) {
+        symbols += c;
+        uneven += n > 700 && n < 1300 ? "" : std::string(1, c);
     }
-    EXPECT_EQ(inAlphabet, 63 * 1000) << "characters outside the alphabet";
+    EXPECT_EQ(symbols, std::string(1, '\0') +
+                           "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz");
+    EXPECT_EQ(uneven, "") << "symbols drawn far from 1000 times";
 }
 
-TEST_F(RandomDeathTest, SeedFromEnvironmentIsPrintedFixedAndReplayable) {
-    EXPECT_EXIT(
-        {
-            setenv("ZUTEST_RANDSEED", "42", 1);
-            require(Random::getSeed() == 0, "seed is 0 before setSeed");
-            require(Random::rand64() == std::mt19937_64()(), "default sequence before setSeed");
-            Random::setSeed();
-            require(Random::getSeed() == 42, "getSeed");
-            const uint64_t first = Random::rand64();
-            require(first == std::mt19937_64(42)(), "first draw of seed 42");
-            const std::string text = Random::randomString(32);
-            // The environment is read once; every call restarts both sequences.
-            setenv("ZUTEST_RANDSEED", "7", 1);
-            Random::setSeed();
-            require(Random::getSeed() == 42, "seed kept after the first call");
-            require(Random::rand64() == first, "engine restarted");
-            require(Random::randomString(32) == text, "rand() restarted");
-            _exit(0);
-        },
-        testing::ExitedWithCode(0),
-        "Kelvo::Random::setSeed\\(\\), setting seed to 42\n"
-        "Kelvo::Random::setSeed\\(\\), setting seed to 42\n");
-}
-
-TEST_F(RandomDeathTest, SeedIsDecimalTruncatedTo32BitsOrTheClock) {
+TEST(RandomDeathTest, SeedIsChosenOncePrintedAndReplayable) {
+    // The generators are process-wide and the seed is chosen once per process:
+    // every case runs in a freshly started copy of this program.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
     const struct {
-        const char* env;  // null: unset, the seed comes from the clock
-        uint64_t seed;
+        const char* env;   // null: unset, the seed comes from the clock
+        const char* seed;  // as printed
     } cases[] = {
-        {"4294967338", 42},                        // 2^32 + 42
-        {"99999999999999999999999", 4135583743u},  // wraps, does not saturate
-        {"123abc", 123},                           // stops at the first non-digit
-        {nullptr, 0},
+        {"42", "42"},
+        {"4294967338", "42"},                       // 2^32 + 42: truncated to 32 bits
+        {"99999999999999999999999", "4135583743"},  // wraps, does not saturate
+        {"123abc", "123"},                          // stops at the first non-digit
+        {nullptr, "[0-9]+"},
     };
     for (const auto& c : cases) {
+        const std::string line =
+            std::string("Kelvo::Random::setSeed\\(\\), setting seed to ") + c.seed + "\n";
+        // The child prints: unseeded before setSeed, seed, engine seeded, and
+        // a second setSeed restarting both sequences from the same seed.
         EXPECT_EXIT(
             {
                 c.env ? setenv("ZUTEST_RANDSEED", c.env, 1) : unsetenv("ZUTEST_RANDSEED");
+                const bool unseeded =
+                    Random::getSeed() == 0 && Random::rand64() == std::mt19937_64()();
                 Random::setSeed();
-                require(!c.env || Random::getSeed() == c.seed, "seed");
-                require(Random::rand64() == std::mt19937_64(Random::getSeed())(), "engine seeded");
+                const uint64_t seed = Random::getSeed();
+                const uint64_t first = Random::rand64();
+                const std::string text = Random::randomString(32);
+                setenv("ZUTEST_RANDSEED", "7", 1);  // the environment is read once
+                Random::setSeed();
+                std::fprintf(stderr, "%d %s %d %d\n", unseeded, std::to_string(seed).c_str(),
+                             first == std::mt19937_64(seed)(),
+                             Random::getSeed() == seed && Random::rand64() == first &&
+                                 Random::randomString(32) == text);
                 _exit(0);
             },
-            testing::ExitedWithCode(0),
-            "setting seed to " + (c.env ? std::to_string(c.seed) : "[0-9]+") + "\n")
+            testing::ExitedWithCode(0), line + line + "1 " + c.seed + " 1 1\n")
             << (c.env ? c.env : "unset");
     }
 }
