@@ -80,11 +80,6 @@ TEST(Assert, MessageCarriesFileLineClassAndFunction) {
     EXPECT_THAT(assertionText([] { Holder<int>().check(0); }),
                 MatchesRegex(".*ExceptionTest\\.cpp:[0-9]+: Holder::check\\(\\) v is 0"));
     EXPECT_THAT(assertionText([] { KELVO_ASSERT_FAIL("n={}", 3); }), EndsWith(": n=3"));
-    // Features this library does not offer fail rather than pretend.
-    EXPECT_THAT(assertionText([] { Kelvo::Platform::refCountingEnabledIs(true); }),
-                EndsWith("not available in libKelvo.so"));
-    EXPECT_THAT(assertionText([] { (void)Kelvo::Platform::refCountingEnabled(); }),
-                EndsWith("not available in libKelvo.so"));
 }
 
 TEST(AssertDeathTest, CheckAbortsEvenWhenAssertionsThrow) {
