@@ -1,13 +1,11 @@
 #include <Kelvo/Kelvo.h>
-#include <dlfcn.h>
 #include <execinfo.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <stdexcept>
 
-#include "ChildProcess.h"
+#include "TestSupport.h"
 
 // Exported, so that the loader can name it in a printed backtrace.
 KELVO_EXPORT [[gnu::noinline]] Kelvo::Backtrace captureHere() {
@@ -25,62 +23,50 @@ KELVO_EXPORT [[gnu::noinline]] bool sameFramesAsGlibc() {
     const Kelvo::Backtrace trace(true);
     const int count = static_cast<int>(trace.count());
     bool same = count > 3 && n >= count;
-    for (int k = 1; same && k < count; ++k) {
+    for (int k = 1; same && k < count; ++k)
         same = trace.frame(count - k) == reinterpret_cast<uint64_t>(ips[n - k]);
-    }
     return same;
 }
 
+using KelvoTest::assertionText;
+using testing::EndsWith;
 using testing::HasSubstr;
+using testing::MatchesRegex;
 using testing::StartsWith;
 
 namespace {
 
 const bool assertsThrow = (Kelvo::throwOnAssertFailIs(true), true);
 
-template <typename E>
-std::function<void()> thrower() {
-    return [] { E::throwException("x"); };
+template <typename... E>
+void expectEachNamesItselfThenPrintsItsBacktrace() {
+    (
+        [] {
+            const std::string name = Kelvo::typeName(typeid(E));
+            SCOPED_TRACE(name);
+            try {
+                E::throwException("x");
+                ADD_FAILURE() << "did not throw";
+            } catch (const E& e) {
+                EXPECT_EQ(std::pair(std::string(e.name()), e.msg()),
+                          std::pair(name, name + "(\"x\")"));
+                const char* first = e.what();
+                EXPECT_THAT(first, StartsWith(e.msg() + "\nBacktrace:\n"));
+                EXPECT_EQ(e.what(), first);  // cached, not rebuilt
+            }
+        }(),
+        ...);
 }
 
 TEST(Exception, EveryClassNamesItselfAndPrintsMessageThenBacktrace) {
-    const struct {
-        const char* name;
-        std::function<void()> raise;
-    } cases[] = {
-        {"Kelvo::MemoryResourceException", thrower<Kelvo::MemoryResourceException>()},
-        {"Kelvo::NoPermissionException", thrower<Kelvo::NoPermissionException>()},
-        {"Kelvo::UnimplementedException", thrower<Kelvo::UnimplementedException>()},
-        {"Kelvo::InvalidInitializeException", thrower<Kelvo::InvalidInitializeException>()},
-        {"Kelvo::RuntimeException", thrower<Kelvo::RuntimeException>()},
-        {"Kelvo::OutOfRangeException", thrower<Kelvo::OutOfRangeException>()},
-        {"Kelvo::CorruptionDetectedException", thrower<Kelvo::CorruptionDetectedException>()},
-        {"Kelvo::InvalidSizeException", thrower<Kelvo::InvalidSizeException>()},
-        {"Kelvo::AssertException", thrower<Kelvo::AssertException>()},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        try {
-            c.raise();
-            ADD_FAILURE() << "did not throw";
-        } catch (const Kelvo::Exception& e) {
-            EXPECT_STREQ(e.name(), c.name);
-            EXPECT_EQ(e.msg(), std::string(c.name) + "(\"x\")");
-            const char* first = e.what();
-            EXPECT_THAT(first, StartsWith(e.msg() + "\nBacktrace:\n"));
-            EXPECT_EQ(e.what(), first);  // cached, not rebuilt
-        }
-    }
-}
-
-TEST(Exception, InvalidSizeIsCaughtAsCorruption) {
-    EXPECT_THROW(Kelvo::InvalidSizeException::throwException("len"),
-                 Kelvo::CorruptionDetectedException);
-}
-
-TEST(Exception, NoCaptureMeansNoBacktraceInWhat) {
-    const Kelvo::Exception e("quiet", false);
-    EXPECT_STREQ(e.what(), "Kelvo::Exception(\"quiet\")\nNo backtrace available\n");
+    using namespace Kelvo;
+    expectEachNamesItselfThenPrintsItsBacktrace<
+        MemoryResourceException, NoPermissionException, UnimplementedException,
+        InvalidInitializeException, RuntimeException, OutOfRangeException,
+        CorruptionDetectedException, InvalidSizeException, AssertException>();
+    EXPECT_THROW(InvalidSizeException::throwException("len"), CorruptionDetectedException);
+    EXPECT_STREQ(Exception("quiet", false).what(),
+                 "Kelvo::Exception(\"quiet\")\nNo backtrace available\n");
 }
 
 template <typename T>
@@ -88,29 +74,12 @@ struct Holder {
     void check(int v) { KELVO_ASSERTM(v > 1, "v is {}", v); }
 };
 
-std::string assertText(const std::function<void()>& body) {
-    try {
-        body();
-    } catch (const Kelvo::AssertException& e) {
-        return e.message();
-    }
-    return "no assertion";
-}
-
 TEST(Assert, MessageCarriesFileLineClassAndFunction) {
-    EXPECT_THAT(assertText([] { KELVO_ASSERT(1 > 2); }),
-                testing::MatchesRegex(std::string(__FILE__) + ":[0-9]+: 1 > 2"));
-    EXPECT_THAT(assertText([] { Holder<int>().check(0); }),
-                testing::MatchesRegex(".*ExceptionTest\\.cpp:[0-9]+: Holder::check\\(\\) v is 0"));
-    EXPECT_THAT(assertText([] { KELVO_ASSERT_FAIL("n={}", 3); }), testing::EndsWith(": n=3"));
-}
-
-TEST(Assert, UnofferedFeaturesFailAndReleaseModeIsOff) {
-    EXPECT_THAT(assertText([] { Kelvo::Platform::refCountingEnabledIs(true); }),
-                testing::EndsWith("not available in libKelvo.so"));
-    EXPECT_THAT(assertText([] { (void)Kelvo::Platform::refCountingEnabled(); }),
-                testing::EndsWith("not available in libKelvo.so"));
-    EXPECT_FALSE(Kelvo::Platform::releaseMode());
+    EXPECT_THAT(assertionText([] { KELVO_ASSERT(1 > 2); }),
+                MatchesRegex(std::string(__FILE__) + ":[0-9]+: 1 > 2"));
+    EXPECT_THAT(assertionText([] { Holder<int>().check(0); }),
+                MatchesRegex(".*ExceptionTest\\.cpp:[0-9]+: Holder::check\\(\\) v is 0"));
+    EXPECT_THAT(assertionText([] { KELVO_ASSERT_FAIL("n={}", 3); }), EndsWith(": n=3"));
 }
 
 TEST(AssertDeathTest, CheckAbortsEvenWhenAssertionsThrow) {
@@ -126,62 +95,42 @@ TEST(AssertDeathTest, CheckAbortsEvenWhenAssertionsThrow) {
     return Kelvo::Backtrace(true).count();
 }
 
-TEST(Backtrace, FirstFrameIsTheConstructingFunction) {
-    const Kelvo::Backtrace trace = captureHere();
-    ASSERT_GT(trace.count(), 2u);
-    Dl_info info;
-    ASSERT_NE(dladdr(reinterpret_cast<void*>(trace.frame(0)), &info), 0);
-    ASSERT_NE(info.dli_sname, nullptr);
-    EXPECT_THAT(info.dli_sname, HasSubstr("captureHere"));
+// The first frame is the constructing function's; every printed line names
+// object, symbol, offset and the frame's address; a deep stack keeps 100.
+TEST(Backtrace, CapturesFromItsConstructorAndPrintsEveryFrame) {
     EXPECT_TRUE(sameFramesAsGlibc());
-}
-
-TEST(Backtrace, DeepStackKeepsExactlyOneHundredFrames) {
-    EXPECT_EQ(deepCapture(500), 100u);
-    EXPECT_LT(deepCapture(5), 100u);
-    EXPECT_EQ(Kelvo::Backtrace(false).pretty(), "No backtrace available\n");
-}
-
-TEST(Backtrace, EveryPrintedLineNamesObjectSymbolOffsetAndAddress) {
     const Kelvo::Backtrace trace = captureHere();
     std::istringstream lines(trace.pretty());
     std::string line;
     std::getline(lines, line);
     EXPECT_EQ(line, "Backtrace:");
-    const auto frame = testing::MatchesRegex(R"(([^(]+\([^)]*\+0x[0-9a-f]+\))?\[0x[0-9a-f]+\])");
     uint32_t n = 0;
-    while (std::getline(lines, line)) {
-        EXPECT_THAT(line, frame);
-        EXPECT_THAT(line, HasSubstr(fmt::format("[{}]", (void*)trace.frame(n))));
-        ++n;
+    for (; std::getline(lines, line); ++n) {
+        EXPECT_THAT(line, MatchesRegex(R"(([^(]+\([^)]*\+0x[0-9a-f]+\))?\[0x[0-9a-f]+\])"));
+        EXPECT_THAT(line, EndsWith(fmt::format("[{}]", (void*)trace.frame(n))));
+        if (n == 0) {
+            EXPECT_THAT(line, HasSubstr("captureHere"));  // raw, mangled symbol
+        }
     }
     EXPECT_EQ(n, trace.count());
-    EXPECT_THAT(trace.pretty(), HasSubstr("captureHere"));  // raw, mangled symbol
+    EXPECT_EQ(std::pair(deepCapture(500), deepCapture(5) < 100), std::pair(100u, true));
 }
 
 TEST(TypeName, DemanglesAndFallsBackToTheRawName) {
-    const struct {
-        const char* in;
-        const char* out;
-    } cases[] = {{"i", "int"},
-                 {"N5Kelvo16RuntimeExceptionE", "Kelvo::RuntimeException"},
-                 {"*N5Kelvo9BacktraceE", "Kelvo::Backtrace"},
-                 {"not a mangled name!", "not a mangled name!"}};
-    for (const auto& c : cases)
-        EXPECT_EQ(Kelvo::typeName(c.in), c.out) << c.in;
-    EXPECT_EQ(Kelvo::typeName(typeid(std::runtime_error)), "std::runtime_error");
+    std::vector<std::string> got;
+    for (const char* in :
+         {"i", "N5Kelvo16RuntimeExceptionE", "*N5Kelvo9BacktraceE", "not a mangled name!"})
+        got.push_back(Kelvo::typeName(in));
+    EXPECT_EQ(got, (std::vector<std::string>{"int", "Kelvo::RuntimeException", "Kelvo::Backtrace",
+                                             "not a mangled name!"}));
 }
 
 // The terminate handler is installed at load, and ends the process: each case
 // runs the probe in a child and reads its standard error.
 TEST(Terminate, ReportsWhatTheProcessDiedOfAndWhere) {
     const std::string typeLine = "terminate called after throwing an instance of ";
-    const struct {
-        const char* mode;
-        const char* verbosity;
-        std::string errStart;  // the whole stderr when stack is false
-        bool stack;
-    } cases[] = {
+    const std::vector<std::tuple<const char*, const char*, std::string, bool>> cases = {
+        // mode, KELVO_BACKTRACE_VERBOSITY, all of stderr or, with a stack, its start
         {"throw-std", "0", typeLine + "'std::runtime_error'\n  what(): boom\n", false},
         {"throw-std", "1", typeLine + "'std::runtime_error'\n  what(): boom\nBacktrace:\n", true},
         {"throw-int", "0", typeLine + "'int'\n", false},
@@ -195,18 +144,17 @@ TEST(Terminate, ReportsWhatTheProcessDiedOfAndWhere) {
         {"assert", "0", "Kelvo::Assert aborting because: m\n", false},
         {"assert", "1", "Kelvo::Assert aborting because: m\nBacktrace:\n", true},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(c.mode) + " verbosity=" + c.verbosity);
-        const auto r = KelvoTest::runProbe(
-            {c.mode}, {std::string("KELVO_BACKTRACE_VERBOSITY=") + c.verbosity});
+    for (const auto& [mode, verbosity, err, stack] : cases) {
+        SCOPED_TRACE(std::string(mode) + " verbosity=" + verbosity);
+        const auto r =
+            KelvoTest::runProbe({mode}, {std::string("KELVO_BACKTRACE_VERBOSITY=") + verbosity});
         EXPECT_TRUE(r.aborted()) << r.status;
-        if (c.stack) {
-            EXPECT_THAT(r.err, StartsWith(c.errStart));
+        if (stack) {
             // One stack only, ending the report with an empty line.
+            EXPECT_THAT(r.err, AllOf(StartsWith(err), EndsWith("]\n\n")));
             EXPECT_EQ(r.err.find("Backtrace:"), r.err.rfind("Backtrace:"));
-            EXPECT_THAT(r.err, testing::EndsWith("]\n\n"));
         } else {
-            EXPECT_EQ(r.err, c.errStart);
+            EXPECT_EQ(r.err, err);
         }
     }
 }

@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <thread>
+#include <tuple>
 
 namespace {
 
@@ -18,6 +19,8 @@ auto onOtherThread(F f) {
     return result;
 }
 
+// Assertions are left to abort here: unlock() is noexcept, so a failed owner
+// check ends the process with its message whatever the assertion mode.
 TEST(LockingDeathTest, ReleaseByAnotherThreadNamesBothThreads) {
     EXPECT_DEATH(
         {
@@ -33,23 +36,16 @@ TEST(LockingDeathTest, ReleaseByAnotherThreadNamesBothThreads) {
 
 TEST(Locking, RecursiveLockIsReleasedByTheOutermostUnlock) {
     RecursiveLock lock;
+    const auto takenElsewhere = [&] {
+        return onOtherThread([&] { return lock.try_lock() && (lock.unlock(), true); });
+    };
     for (int i = 0; i < 3; ++i)
         lock.lock();
-    EXPECT_EQ(lock.lockCount(), 3u);
-    for (int i = 0; i < 2; ++i) {
-        lock.unlock();
-        EXPECT_TRUE(lock.owns_lock());
-        EXPECT_FALSE(onOtherThread([&] { return lock.try_lock(); }));
-    }
-    lock.unlock();
-    EXPECT_FALSE(lock.owns_lock());
-    EXPECT_EQ(lock.lockCount(), 0u);
-    EXPECT_TRUE(onOtherThread([&] {
-        const bool got = lock.try_lock();
-        if (got)
-            lock.unlock();
-        return got;
-    }));
+    for (unsigned held = 3; held > 0; --held, lock.unlock())
+        EXPECT_EQ(std::tuple(lock.lockCount(), lock.owns_lock(), takenElsewhere()),
+                  std::tuple(held, true, false));
+    EXPECT_EQ(std::tuple(lock.lockCount(), lock.owns_lock(), takenElsewhere()),
+              std::tuple(0u, false, true));
     EXPECT_DEATH(lock.unlock(), "not currently held, owner:.* me:[0-9]+ lockCount:0");
 }
 
@@ -76,16 +72,15 @@ TEST(Loco, OneRecursiveLockForTheWholeProcess) {
     Kelvo::Platform::Loco& loco = Kelvo::Platform::loco();
     EXPECT_EQ(onOtherThread([] { return &Kelvo::Platform::loco(); }), &loco);
     {
-        Kelvo::Platform::LocoGuard outer;
-        Kelvo::Platform::LocoGuard inner;
-        EXPECT_TRUE(loco.owns_lock());
-        EXPECT_FALSE(onOtherThread([&] { return loco.owns_lock(); }));
+        Kelvo::Platform::LocoGuard outer, inner;
+        EXPECT_EQ(std::pair(loco.owns_lock(), onOtherThread([&] { return loco.owns_lock(); })),
+                  std::pair(true, false));
     }
     EXPECT_FALSE(loco.owns_lock());
 }
 
-struct TracesAtExit {
-    ~TracesAtExit() {
+struct LocksAtExit {
+    ~LocksAtExit() {
         Kelvo::Platform::LocoGuard guard;
         ::write(STDERR_FILENO, "loco still usable\n", 18);
     }
@@ -94,7 +89,7 @@ struct TracesAtExit {
 TEST(LocoDeathTest, UsableFromStaticDestructors) {
     EXPECT_EXIT(
         {
-            static TracesAtExit atExit;
+            static LocksAtExit atExit;
             std::exit(0);
         },
         testing::ExitedWithCode(0), "loco still usable");

@@ -9,93 +9,72 @@
 #include <string>
 #include <thread>
 
+#include "TestSupport.h"
+
 namespace {
+
+using KelvoTest::assertionText;
 
 const bool assertsThrow = (Kelvo::throwOnAssertFailIs(true), true);
 
-template <typename F>
-void onNewThread(F f) {
-    std::thread(f).join();
+// (cached id, kernel id, main?) of the calling thread.
+std::tuple<pid_t, pid_t, bool> ids() {
+    return {Kelvo::gettid(), static_cast<pid_t>(::syscall(SYS_gettid)), Kelvo::isMainThread()};
 }
 
-std::string kernelName() {
+// (kernel's name, cached name) of the calling thread.
+std::pair<std::string, std::string> names() {
     char name[16] = {};
     pthread_getname_np(pthread_self(), name, sizeof name);
-    return name;
+    return {name, Kelvo::threadName()};
 }
 
-TEST(Thread, OnlyTheThreadWhoseIdIsThePidIsMain) {
-    EXPECT_TRUE(Kelvo::isMainThread());
-    EXPECT_EQ(Kelvo::gettid(), ::getpid());
-    onNewThread([] {
-        EXPECT_FALSE(Kelvo::isMainThread());
-        EXPECT_EQ(Kelvo::gettid(), static_cast<pid_t>(::syscall(SYS_gettid)));
-    });
-}
-
-TEST(Thread, ForkedChildSeesItsOwnThreadId) {
-    (void)Kelvo::gettid();  // fill the parent's cache first
+// The id is cached per thread; a forked child must not see its parent's.
+TEST(Thread, IdsAreTheKernelsAndOnlyThePidsThreadIsMain) {
+    const pid_t pid = ::getpid();
+    EXPECT_EQ(ids(), std::tuple(pid, pid, true));
+    std::thread([] {
+        const auto [cached, kernel, main] = ids();
+        EXPECT_EQ(std::pair(cached, main), std::pair(kernel, false));
+    }).join();
     const pid_t child = ::fork();
-    if (child == 0) {
-        ::_exit(Kelvo::gettid() == ::getpid() && Kelvo::isMainThread() ? 0 : 1);
-    }
+    if (child == 0)
+        ::_exit(ids() == std::tuple(::getpid(), ::getpid(), true) ? 0 : 1);
     int status = -1;
     ASSERT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_EQ(status, 0);
 }
 
-TEST(Thread, MainThreadNameIsNeverChanged) {
-    const std::string before = kernelName();
-    const std::string cached = Kelvo::threadName();
+TEST(Thread, OnlyAWorkerIsRenamedAndOnlyWithinTheKernelLimit) {
+    const auto before = names();
     Kelvo::threadNameIs("renamed");
-    EXPECT_EQ(kernelName(), before);
-    EXPECT_EQ(Kelvo::threadName(), cached);
-}
-
-TEST(Thread, WorkerNameReachesKernelAndCacheWithinItsLimit) {
-    onNewThread([] {
+    EXPECT_EQ(names(), before);
+    std::thread([] {
         Kelvo::threadNameIs("exactly15chars!");
-        EXPECT_EQ(kernelName(), "exactly15chars!");
-        EXPECT_STREQ(Kelvo::threadName(), "exactly15chars!");
-        try {
-            Kelvo::threadNameIs("twenty-characters-xx");
-            ADD_FAILURE() << "a 20-character name was accepted";
-        } catch (const Kelvo::AssertException& e) {
-            EXPECT_THAT(
-                e.message(),
-                testing::HasSubstr("pthread_setname_np() failed:34 for name:twenty-characters-xx"));
-        }
-        EXPECT_STREQ(Kelvo::threadName(), "exactly15chars!");
-    });
-}
-
-TEST(Thread, ThreadIdStrings) {
-    EXPECT_EQ(Kelvo::toThreadIdString(std::thread::id()), "thread::id of a non-executing thread");
-    EXPECT_EQ(Kelvo::toThreadIdString(std::this_thread::get_id()),
-              std::to_string(static_cast<unsigned long>(pthread_self())));
+        EXPECT_THAT(
+            assertionText([] { Kelvo::threadNameIs("twenty-characters-xx"); }),
+            testing::HasSubstr("pthread_setname_np() failed:34 for name:twenty-characters-xx"));
+        EXPECT_EQ(names(),
+                  std::pair(std::string("exactly15chars!"), std::string("exactly15chars!")));
+    }).join();
 }
 
 TEST(Thread, SingletonChoiceIsPerThreadAndLockedByFirstUse) {
-    onNewThread([] {
+    std::thread([] {
         Kelvo::useThreadLocalSingletons();
         Kelvo::useThreadLocalSingletons();  // again: harmless
         EXPECT_TRUE(Kelvo::hasThreadLocalSingletons());
         Kelvo::useThreadLocalSingletons();  // after use, same choice: harmless
-    });
-    onNewThread([] {
+    }).join();
+    std::thread([] {
         EXPECT_FALSE(Kelvo::hasThreadLocalSingletons());
-        try {
-            Kelvo::useThreadLocalSingletons();
-            ADD_FAILURE() << "switched after a global singleton was used";
-        } catch (const Kelvo::AssertException& e) {
-            EXPECT_THAT(e.message(),
-                        testing::EndsWith(
-                            "Attempt to change threadLocalSingletons after a global singleton has "
-                            "already been created. Please call useThreadLocalSingletons() "
-                            "immediately after spawning your thread."));
-        }
+        EXPECT_THAT(assertionText([] { Kelvo::useThreadLocalSingletons(); }),
+                    testing::EndsWith("Attempt to change threadLocalSingletons after a global "
+                                      "singleton has already been created. Please call "
+                                      "useThreadLocalSingletons() immediately after spawning "
+                                      "your thread."));
         EXPECT_FALSE(Kelvo::hasThreadLocalSingletons());
-    });
+    }).join();
 }
 
 }  // namespace
