@@ -18,6 +18,8 @@
 #include <filesystem>
 #include <functional>
 #include <set>
+#include <source_location>
+#include <stdexcept>
 #include <string>
 
 namespace KelvoTest {
@@ -35,9 +37,28 @@ inline std::set<int> openFds() {
     return fds;
 }
 
-// Cases must leave the descriptor table as they found it; assertions throw.
-class NoFdLeak : public ::testing::Test {
+// A handle of its own with exactly the given levels enabled.
+inline std::shared_ptr<Kelvo::Platform::DebugHandler> handleWithLevels(
+    std::initializer_list<unsigned> levels) {
+    auto handle = Kelvo::Platform::getDebugHandler("OsTest");
+    for (unsigned level = 0; level < 10; ++level) {
+        handle->enabledIs(level, std::find(levels.begin(), levels.end(), level) != levels.end());
+    }
+    return handle;
+}
+
+// A case with a scratch directory and a handle tracing levels 0, 1, 2 and 5.
+// It must leave the descriptor table as it found it; assertions throw.
+class OsTest : public ::testing::Test {
   protected:
+    OsTest() {
+        std::string pattern = std::filesystem::temp_directory_path() / "kelvo-test-XXXXXX";
+        dir_ = ::mkdtemp(pattern.data()) ? pattern : "/nonexistent-scratch";
+    }
+    ~OsTest() override {
+        std::error_code ignored;
+        std::filesystem::remove_all(dir_, ignored);
+    }
     void SetUp() override {
         // The unwinder behind every exception opens a pipe on first use and
         // keeps it: open it before the first snapshot.
@@ -47,37 +68,15 @@ class NoFdLeak : public ::testing::Test {
         fdsBefore_ = openFds();
     }
     void TearDown() override { EXPECT_EQ(openFds(), fdsBefore_) << "descriptors leaked"; }
+    std::string path(const std::string& name) const { return dir_ + "/" + name; }
+
+    std::string dir_;
+    std::shared_ptr<Kelvo::Platform::DebugHandler> handle_ = handleWithLevels({0, 1, 2, 5});
+    Kelvo::Platform::DebugHandler& h_ = *handle_;
 
   private:
     std::set<int> fdsBefore_;
 };
-
-class ScratchDir {
-  public:
-    ScratchDir() {
-        std::string pattern = std::filesystem::temp_directory_path() / "kelvo-test-XXXXXX";
-        path_ = ::mkdtemp(pattern.data()) ? pattern : "/nonexistent-scratch";
-    }
-    ~ScratchDir() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-    const std::string& path() const { return path_; }
-    std::string operator/(const std::string& name) const { return path_ + "/" + name; }
-
-  private:
-    std::string path_;
-};
-
-// A handle of its own with exactly the given levels enabled.
-inline std::shared_ptr<Kelvo::Platform::DebugHandler> handleWithLevels(
-    const std::string& name, std::initializer_list<unsigned> levels) {
-    auto handle = Kelvo::Platform::getDebugHandler(name);
-    for (unsigned level = 0; level < 10; ++level) {
-        handle->enabledIs(level, std::find(levels.begin(), levels.end(), level) != levels.end());
-    }
-    return handle;
-}
 
 // The message of the E that call throws, or a text saying there was none.
 template <typename E>
@@ -90,65 +89,48 @@ std::string thrownMessage(const std::function<void()>& call) {
     return "nothing thrown";
 }
 
-struct ChildResult {
-    int exitCode = -1;  // -1 when ended by a signal
-    int signal = 0;
-    std::string output;  // standard output and error together
-};
-
 // Exit code of a child that cannot run its case on this machine.
 constexpr int childSkipped = 77;
 
-// Runs body in a forked child and collects its output; body's result is the
-// exit code. A child still running after limitSeconds dies of SIGALRM.
-inline ChildResult runInChild(const std::function<int()>& body, unsigned limitSeconds = 60) {
+// Runs body in a forked child and returns its standard output and error,
+// then how it ended: "exit N" (N being body's result) or "signal N". A child
+// still running after a minute dies of SIGALRM.
+inline std::string runInChild(const std::function<int()>& body) {
     int out[2];
     EXPECT_EQ(::pipe2(out, O_CLOEXEC), 0);
     std::fflush(nullptr);
     const pid_t pid = ::fork();
     if (pid == 0) {
-        ::alarm(limitSeconds);
+        ::alarm(60);
         ::dup2(out[1], STDOUT_FILENO);
         ::dup2(out[1], STDERR_FILENO);
         int code = 1;
         try {
             code = body();
         } catch (const std::exception& e) {
-            std::fprintf(stderr, "child: uncaught exception: %s\n", e.what());
+            std::fprintf(stderr, "child: %s\n", e.what());
         }
         std::fflush(nullptr);
         ::_exit(code);
     }
     ::close(out[1]);
-    ChildResult result;
+    std::string output;
     char buffer[4096];
     for (ssize_t n; (n = ::read(out[0], buffer, sizeof buffer)) > 0;) {
-        result.output.append(buffer, static_cast<size_t>(n));
+        output.append(buffer, static_cast<size_t>(n));
     }
     ::close(out[0]);
     int status = 0;
     ::waitpid(pid, &status, 0);
-    result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    result.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
-    return result;
+    return output + (WIFEXITED(status) ? "exit " + std::to_string(WEXITSTATUS(status))
+                                       : "signal " + std::to_string(WTERMSIG(status)));
 }
 
-// Inside a child: report a failed check and leave the body.
-#define CHILD_CHECK(cond)                                                                 \
-    do {                                                                                  \
-        if (!(cond)) {                                                                    \
-            std::fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond); \
-            return 1;                                                                     \
-        }                                                                                 \
-    } while (0)
-
-#define EXPECT_CHILD_PASSED(result)                                             \
-    do {                                                                        \
-        if ((result).exitCode == ::KelvoTest::childSkipped) {                   \
-            GTEST_SKIP() << (result).output;                                    \
-        }                                                                       \
-        EXPECT_EQ((result).exitCode, 0) << "signal " << (result).signal << "\n" \
-                                        << (result).output;                     \
-    } while (0)
+// Inside a child: a failed check ends the body with exit code 1.
+inline void childCheck(bool ok, std::source_location at = std::source_location::current()) {
+    if (!ok) {
+        throw std::runtime_error("check failed on line " + std::to_string(at.line()));
+    }
+}
 
 }  // namespace KelvoTest

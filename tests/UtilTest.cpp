@@ -1,37 +1,42 @@
+#include <Kelvo/NetNs.h>
 #include <Kelvo/UtilCpp.h>
 
 #include "OsTestSupport.h"
+#include "UtilImpl.h"
 
 #include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 
-#include <array>
+#include <cstring>
 #include <limits>
 
+using ::testing::AllOf;
+using ::testing::EndsWith;
 using ::testing::HasSubstr;
+using ::testing::MatchesRegex;
 using ::testing::Not;
 using namespace KelvoTest;
 namespace Util = Kelvo::Util;
 
 namespace {
 
-class UtilFiles : public NoFdLeak {
-  protected:
-    ScratchDir dir_;
-    std::shared_ptr<Kelvo::Platform::DebugHandler> handle_ = handleWithLevels("UtilTest", {0});
-    Kelvo::Platform::DebugHandler& h_ = *handle_;
-};
+using UtilFiles = OsTest;
 
 TEST_F(UtilFiles, FileHelpersTurnFailuresIntoResultsAndLevelZeroTraces) {
-    const std::string file = dir_ / "f";
-    const std::string missing = dir_ / "no/f";
-    ASSERT_EQ(::symlink("nowhere", (dir_ / "dangling").c_str()), 0);
+    h_.enabledIs(5, false);  // optional files trace below level 0
+    const std::string file = path("f");
+    const std::string missing = path("no/f");
+    ASSERT_EQ(::symlink("nowhere", path("dangling").c_str()), 0);
     EXPECT_TRUE(Util::touch(h_, file));
     Util::fileWrite(h_, file, "a longer first text", false);
     Util::fileWrite(h_, file, "0123456789", false);
     EXPECT_TRUE(Util::touch(h_, file));
     EXPECT_EQ(Util::fileRead(h_, file, false), "0123456789") << "touch keeps contents";
-    EXPECT_FALSE(Util::fileExists(h_, dir_ / "dangling"));
+    EXPECT_FALSE(Util::fileExists(h_, path("dangling")));
 
     const int ro = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
     CaptureStderr();
@@ -40,23 +45,22 @@ TEST_F(UtilFiles, FileHelpersTurnFailuresIntoResultsAndLevelZeroTraces) {
         thrownMessage<Kelvo::RuntimeException>([&] { Util::fileWrite(h_, missing, "x", false); }),
         missing);
     Util::fileWrite(h_, missing, "x", true);
-    EXPECT_EQ(Util::fileRead(h_, missing, true), "");  // an optional file: below level 0
-    EXPECT_EQ(Util::fileRead(h_, dir_.path(), false), "");
+    EXPECT_EQ(Util::fileRead(h_, missing, true) + Util::fileRead(h_, dir_, false), "");
     EXPECT_EQ(Util::truncate(h_, file, ro, 2), -1);
-    EXPECT_EQ(Util::fileSize(h_, ro), 10u);
-    EXPECT_EQ(Util::fileSize(h_, missing), 0u);
-    EXPECT_EQ(Util::fileSize(h_, -1), 0u);
+    EXPECT_EQ(std::vector<uint64_t>(
+                  {Util::fileSize(h_, ro), Util::fileSize(h_, missing), Util::fileSize(h_, -1)}),
+              std::vector<uint64_t>({10, 0, 0}));
     EXPECT_TRUE(Util::fileRemove(h_, file));
     EXPECT_TRUE(Util::fileRemove(h_, file)) << "a missing file is no error";
-    EXPECT_FALSE(Util::fileRemove(h_, dir_.path()));
+    EXPECT_FALSE(Util::fileRemove(h_, dir_));
     const std::string text = GetCapturedStderr();
     ::close(ro);
     for (const std::string& expected : {
              "unable to open " + missing + " reason: No such file or directory",
              "unable to open " + missing + " reason:No such file or directory",
-             "unable to open file " + dir_.path() + ". Caught std::exception: ",
+             "unable to open file " + dir_ + ". Caught std::exception: ",
              "ftruncate() size:2 error: " + file + ": Invalid argument",
-             "unlink() error " + dir_.path() + ": Is a directory",
+             "unlink() error " + dir_ + ": Is a directory",
          }) {
         EXPECT_THAT(text, HasSubstr(expected));
     }
@@ -66,80 +70,234 @@ TEST_F(UtilFiles, FileHelpersTurnFailuresIntoResultsAndLevelZeroTraces) {
 
 TEST(Util, FileSizeHelperThrowsOnProductOrSumOverflow) {
     constexpr uint64_t max = std::numeric_limits<uint64_t>::max();
-    EXPECT_EQ(Util::fileSizeHelper(3, 4, 5), 17u);
-    EXPECT_EQ(Util::fileSizeHelper(0, max, max), max);
-    const std::pair<std::array<uint64_t, 3>, const char*> cases[] = {
-        {{uint64_t(1) << 62, 8, 0},
-         "entries:4611686018427387904 entrySize:8 xResult:0 endResult:0"},
-        {{max, 1, 1},
-         "entries:18446744073709551615 entrySize:1 xResult:18446744073709551615 "
-         "endResult:0"},
+    const std::tuple<uint64_t, uint64_t, uint64_t, std::string> cases[] = {
+        {3, 4, 5, "17"},
+        {0, max, max, "18446744073709551615"},
+        {uint64_t(1) << 62, 8, 0,
+         "fileSizeHelper overflow, entries:4611686018427387904 entrySize:8 xResult:0 endResult:0"},
+        {max, 1, 1,
+         "fileSizeHelper overflow, entries:18446744073709551615 entrySize:1 "
+         "xResult:18446744073709551615 endResult:0"},
     };
-    for (const auto& [in, text] : cases) {
-        EXPECT_EQ(thrownMessage<Kelvo::RuntimeException>(
-                      [&] { Util::fileSizeHelper(in[0], in[1], in[2]); }),
-                  std::string("fileSizeHelper overflow, ") + text);
+    for (const auto& [entries, size, extra, expected] : cases) {
+        std::string outcome;
+        try {
+            outcome = std::to_string(Util::fileSizeHelper(entries, size, extra));
+        } catch (const Kelvo::RuntimeException& e) {
+            outcome = e.message();
+        }
+        EXPECT_EQ(outcome, expected);
     }
 }
 
 TEST_F(UtilFiles, MkpathAndTrimpathAreInverses) {
-    ASSERT_EQ(::mkdir((dir_ / "a").c_str(), 0755), 0);
-    EXPECT_EQ(Util::mkpath(dir_ / "a/b/c/d", 0755), 0);
+    ASSERT_EQ(::mkdir(path("a").c_str(), 0755), 0);
+    EXPECT_EQ(Util::mkpath(path("a/b/c/d"), 0755), 0);
     errno = 0;
-    EXPECT_EQ(Util::mkpath(dir_ / "a/b/c/d", 0755), -1);
+    EXPECT_EQ(Util::mkpath(path("a/b/c/d"), 0755), -1);
     EXPECT_EQ(errno, EEXIST);
-    Util::fileWrite(h_, dir_ / "plain", "", false);
-    EXPECT_EQ(Util::mkpath(dir_ / "plain/x/y", 0755), -1);
+    Util::fileWrite(h_, path("plain"), "", false);
+    EXPECT_EQ(Util::mkpath(path("plain/x/y"), 0755), -1);
     EXPECT_EQ(errno, ENOTDIR);
 
-    EXPECT_TRUE(Util::trimpath(dir_ / "a/b/c/d", "c/d"));
-    EXPECT_FALSE(std::filesystem::exists(dir_ / "a/b/c"));
-    EXPECT_TRUE(std::filesystem::is_directory(dir_ / "a/b"));
-    EXPECT_TRUE(Util::trimpath(dir_ / "a/b/c/d", "c/d")) << "already gone is fine";
+    EXPECT_TRUE(Util::trimpath(path("a/b/c/d"), "/c/d"));
+    EXPECT_FALSE(std::filesystem::exists(path("a/b/c")));
+    EXPECT_TRUE(std::filesystem::is_directory(path("a/b")));
+    EXPECT_TRUE(Util::trimpath(path("a/b/c/d"), "c/d")) << "already gone is fine";
+    ASSERT_EQ(Util::mkpath(path("a/b/c/d"), 0755), 0);
+    Util::fileWrite(h_, path("a/b/c/keep"), "", false);
+    EXPECT_FALSE(Util::trimpath(path("a/b/c/d"), "/c/d")) << "only empty directories go";
+    EXPECT_TRUE(std::filesystem::exists(path("a/b/c/keep")));
 
-    ASSERT_EQ(Util::mkpath(dir_ / "a/b/c/d", 0755), 0);
-    Util::fileWrite(h_, dir_ / "a/b/c/keep", "", false);
-    EXPECT_FALSE(Util::trimpath(dir_ / "a/b/c/d", "/c/d")) << "only empty directories go";
-    EXPECT_TRUE(std::filesystem::exists(dir_ / "a/b/c/keep"));
-
-    const std::pair<std::pair<const char*, const char*>, const char*> bad[] = {
-        {{"", "x"}, "absolute path is empty"},
-        {{"relative/x", "x"}, "absolute path is not absolute"},
-        {{"/a/x", ""}, "trailing path is empty"},
-        {{"/a/x", "/a/x"}, "trailing path longer than absolute path"},
-        {{"/a/x", "y"}, "trailing path is not a terminal substring of absolute path"},
+    const std::tuple<const char*, const char*, const char*> bad[] = {
+        {"", "x", "absolute path is empty"},
+        {"relative/x", "x", "absolute path is not absolute"},
+        {"/a/x", "", "trailing path is empty"},
+        {"/a/x", "/a/x", "trailing path longer than absolute path"},
+        {"/a/x", "y", "trailing path is not a terminal substring of absolute path"},
     };
-    for (const auto& [arguments, message] : bad) {
-        EXPECT_THAT(thrownMessage<Kelvo::AssertException>(
-                        [&] { Util::trimpath(arguments.first, arguments.second); }),
-                    HasSubstr(message));
+    for (const auto& [absolute, trailing, message] : bad) {
+        EXPECT_THAT(
+            thrownMessage<Kelvo::AssertException>([&] { Util::trimpath(absolute, trailing); }),
+            HasSubstr(message));
     }
 }
 
 TEST_F(UtilFiles, GetCwdThrowsWhenTheWorkingDirectoryIsGone) {
-    const std::string gone = dir_ / "gone";
-    const auto result = runInChild([&] {
-        CHILD_CHECK(::mkdir(gone.c_str(), 0755) == 0 && ::chdir(gone.c_str()) == 0);
-        CHILD_CHECK(Util::getCwd(h_) == gone);
-        CHILD_CHECK(::rmdir(gone.c_str()) == 0);
-        std::puts(thrownMessage<Kelvo::RuntimeException>([&] { Util::getCwd(h_); }).c_str());
-        return 0;
-    });
-    EXPECT_CHILD_PASSED(result);
-    EXPECT_THAT(result.output, HasSubstr("getcwd() failed:No such file or directory"));
+    const std::string gone = path("gone");
+    EXPECT_THAT(
+        runInChild([&] {
+            childCheck(::mkdir(gone.c_str(), 0755) == 0 && ::chdir(gone.c_str()) == 0);
+            childCheck(Util::getCwd(h_) == gone && ::rmdir(gone.c_str()) == 0);
+            std::puts(thrownMessage<Kelvo::RuntimeException>([&] { Util::getCwd(h_); }).c_str());
+            return 0;
+        }),
+        EndsWith("getcwd() failed:No such file or directory\nexit 0"));
 }
 
 TEST(Util, EncodingsPutTheLeastSignificantPartFirst) {
-    const std::pair<uint32_t, const char*> base64[] = {
-        {0, "AAAAAA"},  {1, "BAAAAA"},           {62, "_AAAAA"},          {63, "=AAAAA"},
-        {64, "ABAAAA"}, {0xC0000000u, "AAAAAD"}, {0xFFFFFFFFu, "=====D"},
-    };
-    for (const auto& [value, encoded] : base64) {
-        EXPECT_EQ(Util::base64Encode(value), encoded) << value;
+    std::string encoded;
+    for (uint32_t value : {0u, 1u, 62u, 63u, 64u, 0xC0000000u, 0xFFFFFFFFu}) {
+        encoded += Util::base64Encode(value) + " ";
     }
-    EXPECT_EQ(Util::decodeMagic(0x4f564c4bull), "KLVO");
-    EXPECT_EQ(Util::decodeMagic(0x4847464544434241ull), "ABCDEFGH");
-    EXPECT_EQ(Util::decodeMagic(0x4300004241ull), "AB");
+    for (uint64_t magic : {0x4f564c4bull, 0x4847464544434241ull, 0x4300004241ull}) {
+        encoded += Util::decodeMagic(magic) + " ";
+    }
+    EXPECT_EQ(encoded, "AAAAAA BAAAAA _AAAAA =AAAAA ABAAAA AAAAAD =====D KLVO ABCDEFGH AB ");
+}
+
+// Local sockets in the default network namespace, and the namespace layer.
+using LocalSocket = OsTest;
+
+ino_t threadNetNs() {
+    struct stat info;
+    return ::stat("/proc/thread-self/ns/net", &info) == 0 ? info.st_ino : 0;
+}
+
+// Unique per process, so that parallel runs never meet on one name.
+std::string uniqueName(const char* tag) {
+    return std::string("kelvo-test-") + tag + "-" + std::to_string(::getpid());
+}
+
+// Connects a socket that fn makes to the listener bound to name; errno when it fails.
+int connectTo(const std::string& name, const std::function<int()>& fn) {
+    sockaddr_un address;
+    const int length = Util::createSockaddr(Kelvo::Impl::utilHandle(), &address, name);
+    const int sd = fn();
+    const int rc = ::connect(sd, reinterpret_cast<sockaddr*>(&address), length);
+    const int error = errno;
+    ::close(sd);
+    return rc == 0 ? 0 : error;
+}
+
+TEST_F(LocalSocket, AbstractAddressLengthCountsNoTerminator) {
+    for (const auto& [name, length] :
+         {std::pair{std::string("abcde"), 8}, {std::string(200, 'n'), 110}}) {
+        sockaddr_un address;
+        std::memset(&address, 0x5a, sizeof address);
+        EXPECT_EQ(Util::createSockaddr(h_, &address, name), length);
+        EXPECT_EQ(address.sun_family, AF_UNIX);
+        // A leading zero, the (cut) name, and zeros: stale bytes would lengthen the name.
+        std::string expected(sizeof address.sun_path, '\0');
+        expected.replace(1, length - 3, name, 0, length - 3);
+        EXPECT_EQ(std::string(address.sun_path, sizeof address.sun_path), expected);
+    }
+}
+
+TEST_F(LocalSocket, SocketReturnsTheCallerToItsNamespaceAndKeepsErrno) {
+    const ino_t before = threadNetNs();
+    CaptureStderr();
+    const int sd = Util::socket(h_, AF_UNIX, SOCK_STREAM, 0);
+    errno = 0;
+    EXPECT_LT(Util::socket(h_, AF_UNIX, 0x7ff, 0), 0);
+    EXPECT_EQ(errno, EINVAL);
+    const int fallback =
+        Kelvo::Impl::socketInDefaultNs(h_, "/nonexistent/ns/net", AF_UNIX, SOCK_DGRAM, 0);
+    EXPECT_EQ(Kelvo::Impl::socketInDefaultNs(h_, "/etc/passwd/ns", AF_UNIX, SOCK_DGRAM, 0), -1);
+    EXPECT_EQ(errno, ENOTDIR) << "only a missing or forbidden namespace file is tolerated";
+    const std::string text = GetCapturedStderr();
+    EXPECT_TRUE(sd >= 0 && fallback >= 0);
+    ::close(sd);
+    ::close(fallback);
+    EXPECT_EQ(threadNetNs(), before);
+    for (const std::string& expected : std::initializer_list<std::string>{
+             "success opening /proc/self/ns/net",
+             "setnsByName() to default ",
+             "success opening local socket: " + std::to_string(sd),
+             "failed opening local socket: Invalid argument",
+             "failed to open /nonexistent/ns/net reason: No such file or directory",
+             "success opening local socket, sd:" + std::to_string(fallback),
+         }) {
+        EXPECT_THAT(text, HasSubstr(expected));
+    }
+}
+
+TEST_F(LocalSocket, SecondBindToTheSameNameFailsNamingTheSocket) {
+    const std::string name = uniqueName("bind");
+    const int first = Util::createAndBindSocket(h_, name);
+    ASSERT_GE(first, 0);
+    EXPECT_THAT(
+        thrownMessage<Kelvo::RuntimeException>([&] { Util::createAndBindSocket(h_, name); }),
+        MatchesRegex("bind\\(\\) failed for socket:[0-9]+ error: Address already in use"));
+    ASSERT_EQ(::listen(first, 1), 0);
+    EXPECT_EQ(connectTo(name, [] { return ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0); }),
+              0);
+    ::close(first);
+}
+
+TEST_F(LocalSocket, BadArgumentsAndMissingSystemFileAreHandled) {
+    int pipeFds[2];
+    ASSERT_EQ(::pipe(pipeFds), 0);
+    const std::pair<std::pair<int, int>, std::string> cases[] = {
+        {{-1, 10}, "invalid sd: -1"},
+        {{3, 0}, "invalid size: 0"},
+        {{pipeFds[0], 4096},
+         fmt::format("unable to set socket {} buffer size to 4096 bytes: "
+                     "Socket operation on non-socket",
+                     pipeFds[0])},
+    };
+    for (const auto& [arguments, text] : cases) {
+        EXPECT_THAT(thrownMessage<Kelvo::AssertException>(
+                        [&] { Util::setSocketSendBufferSize(arguments.first, arguments.second); }),
+                    HasSubstr(text));
+    }
+    ::close(pipeFds[0]);
+    ::close(pipeFds[1]);
+
+    EXPECT_EQ(Kelvo::Impl::maxSendBufferSize(path("absent")), 8388608);
+    Util::fileWrite(h_, path("wmem"), " 4194304x\n", false);
+    EXPECT_EQ(Kelvo::Impl::maxSendBufferSize(path("wmem")), 4194304);
+    Util::fileWrite(h_, path("wmem"), "none", false);
+    EXPECT_THROW(Kelvo::Impl::maxSendBufferSize(path("wmem")), std::invalid_argument);
+    EXPECT_EQ(Util::SYSTEM_MAX_SEND_BUFFER_SIZE(),
+              Kelvo::Impl::maxSendBufferSize("/proc/sys/net/core/wmem_max"));
+
+    const std::tuple<const char*, int, int> namespaces[] = {
+        {nullptr, CLONE_NEWNET, EINVAL},
+        {"kelvo-no-such-namespace", CLONE_NEWNET, ENOENT},
+        {"kelvo-no-such-namespace", CLONE_NEWUTS, EINVAL},
+        {"/proc/self/ns/uts", CLONE_NEWNET, EINVAL},
+    };
+    for (const auto& [name, nstype, error] : namespaces) {
+        errno = 0;
+        EXPECT_EQ(Kelvo::NetNs::setnsByName(name, nstype), -1);
+        EXPECT_EQ(errno, error) << (name ? name : "null");
+    }
+}
+
+// The real switch: a child moves into a network namespace of its own, with
+// its original one pinned as the default in a private mount namespace.
+// Abstract names are per network namespace, so a listener made through
+// Util::socket is reachable from a socket made the same way and not from one
+// made with plain socket(2) in the child's namespace.
+TEST_F(LocalSocket, SocketIsMadeInTheDefaultNamespace) {
+    const std::string name = uniqueName("netns");
+    const std::string result = runInChild([&] {
+        // Building the namespaces needs CAP_SYS_ADMIN; without it, say so and skip.
+        if (::unshare(CLONE_NEWNS) != 0 ||
+            ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            ::mount("tmpfs", "/run", "tmpfs", 0, nullptr) != 0 ||
+            ::mkdir("/run/netns", 0755) != 0 ||
+            ::close(::open("/run/netns/default", O_CREAT | O_WRONLY | O_CLOEXEC, 0444)) != 0 ||
+            ::mount("/proc/self/ns/net", "/run/netns/default", nullptr, MS_BIND, nullptr) != 0 ||
+            ::unshare(CLONE_NEWNET) != 0) {
+            const int error = errno;
+            std::printf("cannot build the namespaces: %s\n", std::strerror(error));
+            return error == EPERM || error == EACCES ? childSkipped : 1;
+        }
+        const ino_t inner = threadNetNs();
+        childCheck(::listen(Util::createAndBindSocket(h_, name), 1) == 0);
+        childCheck(connectTo(name, [] { return ::socket(AF_UNIX, SOCK_SEQPACKET, 0); }) ==
+                   ECONNREFUSED);
+        childCheck(connectTo(name, [&] { return Util::socket(h_, AF_UNIX, SOCK_SEQPACKET, 0); }) ==
+                   0);
+        childCheck(threadNetNs() == inner);
+        return 0;
+    });
+    if (result.ends_with("exit " + std::to_string(childSkipped))) {
+        GTEST_SKIP() << result;
+    }
+    EXPECT_THAT(result, AllOf(HasSubstr("setnsByName() to default success"), EndsWith("exit 0")));
 }
 
 }  // namespace

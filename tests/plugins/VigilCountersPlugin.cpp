@@ -7,26 +7,18 @@
 
 namespace {
 
-class CountersPlugin : public Kelvo::Platform::CountersPlugin {
-  public:
+struct CountersPlugin : Kelvo::Platform::CountersPlugin {
     const char* name() const override { return "VigilCountersPlugin"; }
-    void counterSetNameIs(const char* setName) override {
-        setNames += setName;
-        setNames += ";";
-    }
+    void counterSetNameIs(const char* setName) override { setNames += setName + std::string(";"); }
     uint64_t* counter(const char* name, uint64_t* fallback) override {
         return std::strcmp(name, "owned") == 0 ? &owned : fallback;
     }
 
     std::string setNames;
     uint64_t owned = 0;
-};
+} plugin;
 
-CountersPlugin plugin;
-
-struct RegisterAtLoad {
-    RegisterAtLoad() { Kelvo::Platform::registerPlugin(&plugin); }
-} registerAtLoad;
+const bool registered = (Kelvo::Platform::registerPlugin(&plugin), true);
 
 }  // namespace
 
