@@ -164,9 +164,9 @@ KELVO_EXPORT std::shared_ptr<DebugHandler> getDebugHandler(const String& name) n
 KELVO_EXPORT void destroyDebugHandler(DebugHandler* handle);
 // Applies a TRACE text ("name/levels,prefix*/levels,..."); null reads TRACE.
 // Also (re)selects the trace file from TRACEFILE.
-KELVO_EXPORT void setupKelvoDebug(const char* spec);
+KELVO_EXPORT void setupKelvoDebug(const char* traceText);
 // Removes the levels named by a TRACE-style text.
-KELVO_EXPORT void clearKelvoDebug(const char* spec);
+KELVO_EXPORT void clearKelvoDebug(const char* traceText);
 // Prints every handle and control to standard output.
 KELVO_EXPORT void dumpKelvoDebugMap();
 

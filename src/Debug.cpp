@@ -382,8 +382,8 @@ void selectTraceFile() {
 }
 
 template <typename Apply>
-void forEachItem(const char* spec, Apply apply) {
-    const String text(spec);
+void forEachItem(const char* traceText, Apply apply) {
+    const String text(traceText);
     size_t start = 0;
     while (true) {
         const size_t comma = text.find(',', start);
@@ -501,11 +501,11 @@ void destroyDebugHandler(DebugHandler* handle) {
     delete handle;
 }
 
-void setupKelvoDebug(const char* spec) {
+void setupKelvoDebug(const char* traceText) {
     LocoGuard guard;
     selectTraceFile();
-    const char* text = spec ? spec : std::getenv("TRACE");
-    if (text == nullptr || (spec == nullptr && *text == '\0')) {
+    const char* text = traceText ? traceText : std::getenv("TRACE");
+    if (text == nullptr || (traceText == nullptr && *text == '\0')) {
         return;
     }
     forEachItem(text, [](const String& name, const String& levels) {
@@ -513,12 +513,12 @@ void setupKelvoDebug(const char* spec) {
     });
 }
 
-void clearKelvoDebug(const char* spec) {
-    if (spec == nullptr) {
+void clearKelvoDebug(const char* traceText) {
+    if (traceText == nullptr) {
         return;
     }
     LocoGuard guard;
-    forEachItem(spec, [](const String& name, const String& levels) {
+    forEachItem(traceText, [](const String& name, const String& levels) {
         Sarn::DebugControl::clear(name, levels);
     });
 }

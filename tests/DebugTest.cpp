@@ -67,10 +67,10 @@ TEST(TraceGrammar, MalformedTraceValues) {
         {"/,//,*,*/,/*x", {{"MalI", 0}}},
         {"MalJ/1a3,MalK/0*,MalL/10", {{"MalJ", 0xa}, {"MalK", 0x3ff}, {"MalL", 0x3}}},
     };
-    for (const auto& [spec, expected] : cases) {
-        Platform::setupKelvoDebug(spec.c_str());
+    for (const auto& [traceText, expected] : cases) {
+        Platform::setupKelvoDebug(traceText.c_str());
         for (const auto& [name, mask] : expected)
-            EXPECT_EQ(Platform::getDebugHandler(name)->levels, mask) << spec;
+            EXPECT_EQ(Platform::getDebugHandler(name)->levels, mask) << traceText;
     }
 }
 
@@ -81,10 +81,10 @@ TEST(TraceRegistry, SetAndClearReachControlsAndLiveHandles) {
     Handles live = handles({"RegA", "WildX1", "WilX", "ClrA1", "ClrB", "FmtX"});
     live.push_back(fixedHandle("WildFixed", 0x1));
     live.push_back(fixedHandle("FmtZ", 0x3ff));
-    for (const char* spec :
+    for (const char* traceText :
          {"RegA/1,RegA/2", "RegA/1,RegA/2", "WildX2/4,WildXY*/5,Wild*/1", "PfxAb*/1,PfxAbc*/2",
           "ClrA*/12,ClrA2/3,ClrB/12", "FmtX/31,FmtY*/*,FmtW*/0123456789"})
-        Platform::setupKelvoDebug(spec);
+        Platform::setupKelvoDebug(traceText);
     Platform::clearKelvoDebug("ClrA*/2,ClrA2/1");
     EXPECT_EQ(masksOf(live), "RegA=6 WildX1=2 WilX=0 ClrA1=2 ClrB=6 FmtX=a WildFixed=1 FmtZ=3ff ");
     EXPECT_EQ(masksOf(handles(

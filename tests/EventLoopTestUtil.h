@@ -37,12 +37,12 @@ inline std::string assertMessage(const std::function<void()>& f) {
 }
 
 // The trace lines written while f runs with the given TRACE setting.
-inline std::string traced(const char* spec, const std::function<void()>& f) {
-    Kelvo::Platform::setupKelvoDebug(spec);
+inline std::string traced(const char* traceText, const std::function<void()>& f) {
+    Kelvo::Platform::setupKelvoDebug(traceText);
     ::testing::internal::CaptureStderr();
     f();
     std::string text = ::testing::internal::GetCapturedStderr();
-    Kelvo::Platform::clearKelvoDebug(spec);
+    Kelvo::Platform::clearKelvoDebug(traceText);
     return text;
 }
 
