@@ -10,7 +10,7 @@
 namespace {
 
 class Daemon : public Kelvo::Debuggable {
-public:
+  public:
     Daemon() : Kelvo::Debuggable("KelvoDemo") {}
 
     void start(int workers) {

@@ -10,7 +10,7 @@
 namespace Kelvo {
 
 class KELVO_EXPORT Backtrace {
-public:
+  public:
     static constexpr unsigned maxFrames = 100;
 
     // Inline so that the first frame kept is the constructing function's.
@@ -30,7 +30,7 @@ public:
     uint32_t count() const noexcept { return count_; }
     uint64_t frame(unsigned i) const noexcept { return frames_[i]; }
 
-private:
+  private:
     uint64_t frames_[maxFrames];
     uint32_t count_;
 };

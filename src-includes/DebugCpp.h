@@ -21,12 +21,12 @@ namespace Platform {
 
 // A message composed with stream insertion before it is handed to dump().
 class KELVO_EXPORT DebugStream : public std::stringstream {
-public:
+  public:
     DebugStream() = default;
 };
 
 class KELVO_EXPORT DebugHandler : public std::enable_shared_from_this<DebugHandler> {
-public:
+  public:
     static constexpr uint32_t allLevels = 0x3ff;
 
     // A handle that owns its mask.
@@ -58,7 +58,7 @@ public:
 namespace Sarn {
 
 class KELVO_EXPORT DebugHandler : public Platform::DebugHandler {
-public:
+  public:
     using HandlerMap = std::multimap<String, DebugHandler*>;
 
     // Registers the handle in handlerMap_; the caller holds the global lock.
@@ -81,7 +81,7 @@ public:
 };
 
 class KELVO_EXPORT DebugControl {
-public:
+  public:
     using SpecificMap = std::unordered_map<String, DebugControl*>;
     using WildcardMap = std::map<String, DebugControl*>;
 
@@ -134,7 +134,7 @@ public:
 // Holds a share of a trace handle; the base or member through which
 // components trace.
 class KELVO_EXPORT Debuggable {
-public:
+  public:
     Debuggable() = default;
     explicit Debuggable(std::shared_ptr<Platform::DebugHandler> handler)
         : debugHandler_(std::move(handler)) {}
@@ -153,7 +153,7 @@ public:
         return debugHandler_;
     }
 
-private:
+  private:
     std::shared_ptr<Platform::DebugHandler> debugHandler_;
 };
 

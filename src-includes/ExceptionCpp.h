@@ -11,7 +11,7 @@
 namespace Kelvo {
 
 class KELVO_EXPORT Exception : public std::exception {
-public:
+  public:
     Exception(const String& message, bool captureBacktrace);
     ~Exception() override;
 
@@ -24,20 +24,20 @@ public:
     const String& message() const noexcept { return message_; }
     const Backtrace& backtrace() const noexcept { return backtrace_; }
 
-private:
+  private:
     Backtrace backtrace_;
     String message_;
     mutable String what_;
 };
 
-#define KELVO_DECLARE_EXCEPTION(Class, Base)                          \
-    class KELVO_EXPORT Class : public Base {                          \
-    public:                                                           \
-        explicit Class(const String& message) : Base(message, true) {} \
-        const char* name() const noexcept override;                   \
-        [[noreturn]] static void throwException(const String& message); \
-                                                                      \
-    protected:                                                        \
+#define KELVO_DECLARE_EXCEPTION(Class, Base)                                   \
+    class KELVO_EXPORT Class : public Base {                                   \
+      public:                                                                  \
+        explicit Class(const String& message) : Base(message, true) {}         \
+        const char* name() const noexcept override;                            \
+        [[noreturn]] static void throwException(const String& message);        \
+                                                                               \
+      protected:                                                               \
         Class(const String& message, bool capture) : Base(message, capture) {} \
     }
 
@@ -54,7 +54,7 @@ KELVO_DECLARE_EXCEPTION(InvalidSizeException, CorruptionDetectedException);
 #undef KELVO_DECLARE_EXCEPTION
 
 class KELVO_EXPORT AssertException : public Exception {
-public:
+  public:
     explicit AssertException(const String& message) : Exception(message, true) {}
     const char* name() const noexcept override;
     // Throws when throwOnAssertFailIs(true) was called; otherwise prints

@@ -72,8 +72,7 @@ template <typename... Args>
                                                     int line, const char* func) noexcept;
 
 template <typename... Args>
-[[noreturn, gnu::cold, gnu::noinline]] void assertFail(const char* file, int line,
-                                                       const char* func,
+[[noreturn, gnu::cold, gnu::noinline]] void assertFail(const char* file, int line, const char* func,
                                                        const char* prettyFunction,
                                                        const char* /*condition*/,
                                                        fmt::format_string<Args...> f,
@@ -92,26 +91,26 @@ template <typename... Args>
 #define KELVO_TRACE_ENABLED(handle, level) \
     ::Kelvo::Impl::traceEnabled(::Kelvo::Impl::traceHandle(handle), (level))
 
-#define KELVO_TRACE_IMPL_(pretty, handle, level, ...)                                        \
-    do {                                                                                     \
-        const ::Kelvo::Platform::DebugHandler* kelvoTraceHandle_ =                           \
-            ::Kelvo::Impl::traceHandle(handle);                                              \
-        if (__builtin_expect(::Kelvo::Impl::traceEnabled(kelvoTraceHandle_, (level)), 0)) { \
-            ::Kelvo::Impl::trace(kelvoTraceHandle_, (level), __FILE__, __LINE__, __func__,   \
-                                 pretty, __VA_ARGS__);                                       \
-        }                                                                                    \
+#define KELVO_TRACE_IMPL_(pretty, handle, level, ...)                                              \
+    do {                                                                                           \
+        const ::Kelvo::Platform::DebugHandler* kelvoTraceHandle_ =                                 \
+            ::Kelvo::Impl::traceHandle(handle);                                                    \
+        if (__builtin_expect(::Kelvo::Impl::traceEnabled(kelvoTraceHandle_, (level)), 0)) {        \
+            ::Kelvo::Impl::trace(kelvoTraceHandle_, (level), __FILE__, __LINE__, __func__, pretty, \
+                                 __VA_ARGS__);                                                     \
+        }                                                                                          \
     } while (0)
 
 #define KELVO_TRACE(handle, level, ...) KELVO_TRACE_IMPL_(nullptr, handle, level, __VA_ARGS__)
 #define KELVO_TRACEM(handle, level, ...) \
     KELVO_TRACE_IMPL_(__PRETTY_FUNCTION__, handle, level, __VA_ARGS__)
 
-#define KELVO_ASSERT_IMPL_(pretty, cond, ...)                                                \
-    do {                                                                                     \
-        if (__builtin_expect(!(cond), 0)) {                                                  \
-            ::Kelvo::Impl::assertFail(__FILE__, __LINE__, __func__, pretty,                  \
-                                      #cond __VA_OPT__(, ) __VA_ARGS__);                     \
-        }                                                                                    \
+#define KELVO_ASSERT_IMPL_(pretty, cond, ...)                               \
+    do {                                                                    \
+        if (__builtin_expect(!(cond), 0)) {                                 \
+            ::Kelvo::Impl::assertFail(__FILE__, __LINE__, __func__, pretty, \
+                                      #cond __VA_OPT__(, ) __VA_ARGS__);    \
+        }                                                                   \
     } while (0)
 
 #define KELVO_ASSERT(cond, ...) KELVO_ASSERT_IMPL_(nullptr, cond __VA_OPT__(, ) __VA_ARGS__)
@@ -119,11 +118,11 @@ template <typename... Args>
     KELVO_ASSERT_IMPL_(__PRETTY_FUNCTION__, cond __VA_OPT__(, ) __VA_ARGS__)
 #define KELVO_ASSERT_FAIL(...) \
     ::Kelvo::Impl::assertFail(__FILE__, __LINE__, __func__, nullptr, "false", __VA_ARGS__)
-#define KELVO_ASSERT_FAILM(...)                                                             \
+#define KELVO_ASSERT_FAILM(...)                                                           \
     ::Kelvo::Impl::assertFail(__FILE__, __LINE__, __func__, __PRETTY_FUNCTION__, "false", \
                               __VA_ARGS__)
 
-#define KELVO_CHECK(cond)                                                             \
-    (__builtin_expect(static_cast<bool>(cond), 1)                                     \
-         ? void(0)                                                                    \
+#define KELVO_CHECK(cond)                         \
+    (__builtin_expect(static_cast<bool>(cond), 1) \
+         ? void(0)                                \
          : ::Kelvo::Impl::checkFail(#cond, __FILE__, __LINE__, __PRETTY_FUNCTION__))

@@ -18,7 +18,7 @@ namespace Kelvo {
 namespace Locking {
 
 class KELVO_EXPORT Lock {
-public:
+  public:
     Lock() noexcept;
     ~Lock();
     Lock(const Lock&) = delete;
@@ -33,7 +33,7 @@ public:
         return owner_.load(std::memory_order_relaxed) == std::this_thread::get_id();
     }
 
-private:
+  private:
     pthread_mutex_t mutex_;
     // Written only by the holder while it holds the mutex; other threads only
     // compare it with their own id, so a stale read never grants ownership.
@@ -41,7 +41,7 @@ private:
 };
 
 class KELVO_EXPORT RecursiveLock {
-public:
+  public:
     RecursiveLock() noexcept;
     ~RecursiveLock();
     RecursiveLock(const RecursiveLock&) = delete;
@@ -57,7 +57,7 @@ public:
     // Nested holds by the owner; 0 when free.
     unsigned lockCount() const noexcept { return count_.load(std::memory_order_relaxed); }
 
-private:
+  private:
     pthread_mutex_t mutex_;
     std::atomic<std::thread::id> owner_;
     // The mutex does not expose its own count portably, so the owner keeps one:
@@ -68,7 +68,7 @@ private:
 // Locks on construction; unlocks on destruction unless told not to, or unless
 // the lock was already released by its owner.
 class KELVO_EXPORT ConditionalGuard {
-public:
+  public:
     explicit ConditionalGuard(Lock& lock);
     ~ConditionalGuard();
     ConditionalGuard(const ConditionalGuard&) = delete;
@@ -77,7 +77,7 @@ public:
     void releaseIs(bool release) noexcept { release_ = release; }
     bool release() const noexcept { return release_; }
 
-private:
+  private:
     Lock& lock_;
     bool release_ = true;
 };
@@ -88,7 +88,7 @@ namespace Platform {
 
 // The global lock's interface.
 class KELVO_EXPORT Loco {
-public:
+  public:
     virtual void lock() = 0;
     virtual void unlock() noexcept = 0;
     virtual bool owns_lock() const noexcept = 0;
@@ -99,13 +99,13 @@ public:
 KELVO_EXPORT Loco& loco() noexcept;
 
 class KELVO_EXPORT LocoGuard {
-public:
+  public:
     LocoGuard() : loco_(loco()) { loco_.lock(); }
     ~LocoGuard() { loco_.unlock(); }
     LocoGuard(const LocoGuard&) = delete;
     LocoGuard& operator=(const LocoGuard&) = delete;
 
-private:
+  private:
     Loco& loco_;
 };
 
@@ -113,13 +113,13 @@ private:
 
 // The global lock: a recursive owner-checking lock.
 class KELVO_EXPORT Loco : public Platform::Loco {
-public:
+  public:
     void lock() override { lock_.lock(); }
     void unlock() noexcept override { lock_.unlock(); }
     bool owns_lock() const noexcept override { return lock_.owns_lock(); }
     unsigned lockCount() const noexcept { return lock_.lockCount(); }
 
-private:
+  private:
     Locking::RecursiveLock lock_;
 };
 

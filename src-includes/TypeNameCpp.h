@@ -11,6 +11,8 @@ namespace Kelvo {
 // skipped); returns the raw name when it cannot be demangled.
 KELVO_EXPORT String typeName(const char* mangled);
 
-inline String typeName(const std::type_info& info) { return typeName(info.name()); }
+inline String typeName(const std::type_info& info) {
+    return typeName(info.name());
+}
 
 }  // namespace Kelvo

@@ -64,8 +64,8 @@ String Backtrace::pretty() const {
         const auto address = reinterpret_cast<const void*>(frames_[i]);
         Dl_info info;
         if (dladdr(address, &info) != 0 && info.dli_fname != nullptr) {
-            const auto base = reinterpret_cast<uintptr_t>(info.dli_saddr ? info.dli_saddr
-                                                                         : info.dli_fbase);
+            const auto base =
+                reinterpret_cast<uintptr_t>(info.dli_saddr ? info.dli_saddr : info.dli_fbase);
             fmt::format_to(fmt::appender(out), "{}({}+0x{:x})", info.dli_fname,
                            info.dli_sname ? info.dli_sname : "", frames_[i] - base);
         }

@@ -29,7 +29,9 @@ DebugHandler::DebugHandler(const String& name, uint32_t levels, bool fixedLevels
     : levels(levels), levelsPtr(&this->levels), name(name), fixedLevels(fixedLevels) {}
 
 DebugHandler::DebugHandler(const String& name, uint32_t* levelsPtr, bool fixedLevels)
-    : levels(0), levelsPtr(levelsPtr ? levelsPtr : &this->levels), name(name),
+    : levels(0),
+      levelsPtr(levelsPtr ? levelsPtr : &this->levels),
+      name(name),
       fixedLevels(fixedLevels) {}
 
 DebugHandler::~DebugHandler() = default;
@@ -302,8 +304,7 @@ void DebugControl::clear(const String& nameSpec, const String& levelsSpec) {
     } else if (auto it = debugsMap_->find(name); it != debugsMap_->end()) {
         strip(it->second);
     }
-    for (auto it = handlers.lower_bound(name); it != handlers.end() && matches(it->first);
-         ++it) {
+    for (auto it = handlers.lower_bound(name); it != handlers.end() && matches(it->first); ++it) {
         if (!it->second->fixedLevels) {
             it->second->levels &= ~remove;
         }
@@ -442,7 +443,7 @@ const LocalSecond& localSecond(time_t now) {
 // is reserved up front, so each piece is a plain copy (no per-piece checks);
 // only lines longer than the inline storage use the heap.
 class TraceLine {
-public:
+  public:
     // Date, time, pid, tid, level and line number with their separators.
     static constexpr size_t numericFieldsRoom = 96;
 
@@ -466,7 +467,7 @@ public:
     const char* data() const { return data_; }
     size_t size() const { return size_; }
 
-private:
+  private:
     char inline_[1024];
     std::unique_ptr<char[]> heap_;
     char* data_ = inline_;
@@ -587,8 +588,8 @@ void printAllTraceFormat() {
     std::cout << std::endl;
 }
 
-void dumpDebugMsg(const char* msg, size_t len, uint32_t level, const void* handle,
-                  const char* file, const char* func, int line) {
+void dumpDebugMsg(const char* msg, size_t len, uint32_t level, const void* handle, const char* file,
+                  const char* func, int line) {
     using Sarn::DebugControl;
     const String* name = DebugControl::showHandleName_ && handle != nullptr
                              ? &static_cast<const DebugHandler*>(handle)->name

@@ -22,7 +22,9 @@ Exception::Exception(const String& message, bool captureBacktrace)
 
 Exception::~Exception() = default;
 
-const char* Exception::name() const noexcept { return "Kelvo::Exception"; }
+const char* Exception::name() const noexcept {
+    return "Kelvo::Exception";
+}
 
 String Exception::msg() const {
     String text(name());
@@ -40,9 +42,13 @@ const char* Exception::what() const noexcept {
     return what_.c_str();
 }
 
-#define KELVO_DEFINE_EXCEPTION(Class)                                                   \
-    const char* Class::name() const noexcept { return "Kelvo::" #Class; }               \
-    void Class::throwException(const String& message) { throw Class(message); }
+#define KELVO_DEFINE_EXCEPTION(Class)                   \
+    const char* Class::name() const noexcept {          \
+        return "Kelvo::" #Class;                        \
+    }                                                   \
+    void Class::throwException(const String& message) { \
+        throw Class(message);                           \
+    }
 
 KELVO_DEFINE_EXCEPTION(MemoryResourceException)
 KELVO_DEFINE_EXCEPTION(NoPermissionException)
@@ -55,7 +61,9 @@ KELVO_DEFINE_EXCEPTION(InvalidSizeException)
 
 #undef KELVO_DEFINE_EXCEPTION
 
-const char* AssertException::name() const noexcept { return "Kelvo::AssertException"; }
+const char* AssertException::name() const noexcept {
+    return "Kelvo::AssertException";
+}
 
 void AssertException::throwException(const String& message) {
     if (throwOnAssertFail_) {
@@ -65,14 +73,24 @@ void AssertException::throwException(const String& message) {
     std::terminate();
 }
 
-void throwOnAssertFailIs(bool throwOnAssertFail) { throwOnAssertFail_ = throwOnAssertFail; }
-bool throwOnAssertFail() { return throwOnAssertFail_; }
+void throwOnAssertFailIs(bool throwOnAssertFail) {
+    throwOnAssertFail_ = throwOnAssertFail;
+}
+bool throwOnAssertFail() {
+    return throwOnAssertFail_;
+}
 
 namespace Platform {
 
-void refCountingEnabledIs(bool) { KELVO_ASSERT_FAIL("not available in libKelvo.so"); }
-bool refCountingEnabled() { KELVO_ASSERT_FAIL("not available in libKelvo.so"); }
-bool releaseMode() { return false; }
+void refCountingEnabledIs(bool) {
+    KELVO_ASSERT_FAIL("not available in libKelvo.so");
+}
+bool refCountingEnabled() {
+    KELVO_ASSERT_FAIL("not available in libKelvo.so");
+}
+bool releaseMode() {
+    return false;
+}
 
 }  // namespace Platform
 

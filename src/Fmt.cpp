@@ -68,8 +68,8 @@ void vfmtrace(const void* handle, uint32_t level, const char* file, bool isMembe
     dumpDebugMsg(buffer.data(), buffer.size(), level, handle, file, funcName, line);
 }
 
-void dumpDebugMsg(const char* msg, size_t len, uint32_t level, const void* handle,
-                  const char* file, const char* func, int line) {
+void dumpDebugMsg(const char* msg, size_t len, uint32_t level, const void* handle, const char* file,
+                  const char* func, int line) {
     if (&Platform::dumpDebugMsg == nullptr) {
         KELVO_ASSERT_FAIL("No debug handler found for platform");
     }
@@ -99,7 +99,9 @@ void vprint(std::FILE* file, fmt::string_view format, fmt::format_args args) {
     fmt::vprint(file, format, args);
 }
 
-void vprint(fmt::string_view format, fmt::format_args args) { fmt::vprint(format, args); }
+void vprint(fmt::string_view format, fmt::format_args args) {
+    fmt::vprint(format, args);
+}
 
 }  // namespace Impl
 }  // namespace ZuFmt

@@ -25,9 +25,13 @@ void lockMutex(pthread_mutex_t& mutex) {
 }
 }  // namespace
 
-Lock::Lock() noexcept : owner_(noThread) { initMutex(mutex_, PTHREAD_MUTEX_DEFAULT); }
+Lock::Lock() noexcept : owner_(noThread) {
+    initMutex(mutex_, PTHREAD_MUTEX_DEFAULT);
+}
 
-Lock::~Lock() { pthread_mutex_destroy(&mutex_); }
+Lock::~Lock() {
+    pthread_mutex_destroy(&mutex_);
+}
 
 void Lock::lock() {
     lockMutex(mutex_);
@@ -57,7 +61,9 @@ RecursiveLock::RecursiveLock() noexcept : owner_(noThread) {
     initMutex(mutex_, PTHREAD_MUTEX_RECURSIVE_NP);
 }
 
-RecursiveLock::~RecursiveLock() { pthread_mutex_destroy(&mutex_); }
+RecursiveLock::~RecursiveLock() {
+    pthread_mutex_destroy(&mutex_);
+}
 
 // Only the holder changes the count, and only while it holds the mutex, so a
 // plain load and store suffice.
@@ -91,7 +97,9 @@ void RecursiveLock::unlock() noexcept {
     pthread_mutex_unlock(&mutex_);
 }
 
-ConditionalGuard::ConditionalGuard(Lock& lock) : lock_(lock) { lock_.lock(); }
+ConditionalGuard::ConditionalGuard(Lock& lock) : lock_(lock) {
+    lock_.lock();
+}
 
 ConditionalGuard::~ConditionalGuard() {
     if (release_ && lock_.owns_lock()) {

@@ -19,7 +19,9 @@ thread_local bool threadNameCached_ = false;
 thread_local bool threadLocalSingletons_ = false;
 thread_local bool threadLocalSingletonsLocked_ = false;
 
-void forgetTidInChild() noexcept { cachedTid_ = 0; }
+void forgetTidInChild() noexcept {
+    cachedTid_ = 0;
+}
 
 struct RegisterTidReset {
     RegisterTidReset() { pthread_atfork(nullptr, nullptr, forgetTidInChild); }
@@ -34,7 +36,9 @@ pid_t gettid() noexcept {
     return cachedTid_;
 }
 
-bool isMainThread() noexcept { return gettid() == ::getpid(); }
+bool isMainThread() noexcept {
+    return gettid() == ::getpid();
+}
 
 const char* threadName() {
     if (!threadNameCached_) {
