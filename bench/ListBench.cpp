@@ -14,34 +14,7 @@
 #include <string>
 #include <vector>
 
-namespace {
-std::atomic<uint64_t> allocations{0};
-}
-
-// Out of line, so that the compiler does not pair a malloc it inlined with
-// a free it sees elsewhere and warn about a mismatch.
-[[gnu::noinline]] void* operator new(size_t size) {
-    allocations.fetch_add(1, std::memory_order_relaxed);
-    if (void* p = std::malloc(size ? size : 1)) {
-        return p;
-    }
-    throw std::bad_alloc();
-}
-[[gnu::noinline]] void* operator new[](size_t size) {
-    return operator new(size);
-}
-[[gnu::noinline]] void operator delete(void* p) noexcept {
-    std::free(p);
-}
-[[gnu::noinline]] void operator delete[](void* p) noexcept {
-    std::free(p);
-}
-[[gnu::noinline]] void operator delete(void* p, size_t) noexcept {
-    std::free(p);
-}
-[[gnu::noinline]] void operator delete[](void* p, size_t) noexcept {
-    std::free(p);
-}
+#include "CountingAllocator.h"
 
 namespace {
 

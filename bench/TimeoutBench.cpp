@@ -14,27 +14,7 @@
 #include <random>
 #include <vector>
 
-namespace {
-size_t allocations = 0;
-}
-
-// These replace the global operators, so free() here does match the malloc()
-// of operator new; the compiler cannot see that and would warn.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
-void* operator new(size_t size) {
-    ++allocations;
-    if (void* p = std::malloc(size ? size : 1)) {
-        return p;
-    }
-    throw std::bad_alloc();
-}
-void operator delete(void* p) noexcept {
-    std::free(p);
-}
-void operator delete(void* p, size_t) noexcept {
-    std::free(p);
-}
+#include "CountingAllocator.h"
 
 namespace {
 

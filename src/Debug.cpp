@@ -214,22 +214,28 @@ void DebugControl::set(const String& nameSpec, const String& levelsSpec) {
     DebugHandler::initialize();
     auto& handlers = *DebugHandler::handlerMap_;
 
-    if (!wildcard) {
-        DebugControl* control = nullptr;
-        if (auto it = debugsMap_->find(name); it != debugsMap_->end()) {
-            control = it->second;
-            control->levels |= add;
-        } else {
-            uint32_t mask = add;
-            if (DebugControl* inherited = findWildcard(name)) {
-                mask |= inherited->levels;
-            }
-            // An empty control would change nothing: keep the registry free of them.
-            if (mask == 0) {
-                return;
-            }
-            control = new DebugControl(name, static_cast<int>(mask), false);
+    // The control for the name, with the levels added; a new one starts from
+    // the levels its name inherits from the wildcards.
+    DebugControl* control = nullptr;
+    auto found = [&](auto& map) {
+        auto it = map.find(name);
+        return it == map.end() ? nullptr : it->second;
+    };
+    if ((control = wildcard ? found(*wildCardDebugsMap_) : found(*debugsMap_))) {
+        control->levels |= add;
+    } else {
+        uint32_t mask = add;
+        if (DebugControl* inherited = findWildcard(name)) {
+            mask |= inherited->levels;
         }
+        // An empty control would change nothing: keep the registry free of them.
+        if (mask == 0) {
+            return;
+        }
+        control = new DebugControl(name, static_cast<int>(mask), wildcard);
+    }
+
+    if (!wildcard) {
         auto [first, last] = handlers.equal_range(name);
         for (auto it = first; it != last; ++it) {
             if (!it->second->fixedLevels) {
@@ -239,20 +245,6 @@ void DebugControl::set(const String& nameSpec, const String& levelsSpec) {
         return;
     }
 
-    DebugControl* control = nullptr;
-    if (auto it = wildCardDebugsMap_->find(name); it != wildCardDebugsMap_->end()) {
-        control = it->second;
-        control->levels |= add;
-    } else {
-        uint32_t mask = add;
-        if (DebugControl* inherited = findWildcard(name)) {
-            mask |= inherited->levels;
-        }
-        if (mask == 0) {
-            return;
-        }
-        control = new DebugControl(name, static_cast<int>(mask), true);
-    }
     const uint32_t mask = control->levels;
     for (auto it = wildCardDebugsMap_->lower_bound(name);
          it != wildCardDebugsMap_->end() && startsWith(it->first, name); ++it) {

@@ -424,13 +424,16 @@ void LibeventFdControl::delFd() {
     fd_ = -1;
 }
 
-void LibeventFdControl::handleFdRead(evutil_socket_t, short, void* arg) {
-    auto* self = static_cast<LibeventFdControl*>(arg);
+namespace {
+// One descriptor notification; an exception its handler's hook does not claim
+// is parked for the loop function.
+void notifyFd(Platform::FdEventHandler* handler, int fd,
+              void (Platform::FdEventHandler::*notification)(int)) noexcept {
     try {
         try {
-            self->handler_->readFdEvent(self->getFd());
+            (handler->*notification)(fd);
         } catch (...) {
-            if (self->handler_->handleFdException(self->getFd())) {
+            if (handler->handleFdException(fd)) {
                 return;
             }
             throw;
@@ -439,21 +442,16 @@ void LibeventFdControl::handleFdRead(evutil_socket_t, short, void* arg) {
         parkException(ev_base);
     }
 }
+}  // namespace
+
+void LibeventFdControl::handleFdRead(evutil_socket_t, short, void* arg) {
+    auto* self = static_cast<LibeventFdControl*>(arg);
+    notifyFd(self->handler_, self->getFd(), &Platform::FdEventHandler::readFdEvent);
+}
 
 void LibeventFdControl::handleFdWrite(evutil_socket_t, short, void* arg) {
     auto* self = static_cast<LibeventFdControl*>(arg);
-    try {
-        try {
-            self->handler_->writeFdEvent(self->getFd());
-        } catch (...) {
-            if (self->handler_->handleFdException(self->getFd())) {
-                return;
-            }
-            throw;
-        }
-    } catch (...) {
-        parkException(ev_base);
-    }
+    notifyFd(self->handler_, self->getFd(), &Platform::FdEventHandler::writeFdEvent);
 }
 
 // ---------------------------------------------------------------------------
