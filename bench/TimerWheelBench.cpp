@@ -96,11 +96,17 @@ void BM_WheelRearm(benchmark::State& state) {
 }
 BENCHMARK(BM_WheelRearm)->Arg(1000)->Arg(10000)->Arg(100000)->Arg(1000000);
 
-void BM_LibeventRearm(benchmark::State& state) {
-    const auto n = static_cast<size_t>(state.range(0));
+// The delays of the wheel benchmarks, as libevent takes them.
+std::vector<timeval> delayTimevals() {
     std::vector<timeval> tv;
     for (double s : delays(1, 100))
         tv.push_back(toTimeval(s));
+    return tv;
+}
+
+void BM_LibeventRearm(benchmark::State& state) {
+    const auto n = static_cast<size_t>(state.range(0));
+    const std::vector<timeval> tv = delayTimevals();
     Heap h(n);
     h.addAll(delays(1, 100, n));
     size_t i = 0;
@@ -129,9 +135,7 @@ BENCHMARK(BM_WheelStartStop)->Arg(1000000);
 
 void BM_LibeventAddDel(benchmark::State& state) {
     const auto n = static_cast<size_t>(state.range(0));
-    std::vector<timeval> tv;
-    for (double s : delays(1, 100))
-        tv.push_back(toTimeval(s));
+    const std::vector<timeval> tv = delayTimevals();
     Heap h(n);
     h.addAll(delays(1, 100, n));
     event fresh;
