@@ -1,6 +1,7 @@
 // Everything libKelvo offers, in one include.
 #pragma once
 
+#include "AllocatorCpp.h"
 #include "BacktraceCpp.h"
 #include "ConstStringCache.h"
 #include "DebugCpp.h"

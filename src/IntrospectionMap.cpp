@@ -1,4 +1,5 @@
 // Value printers and the process-wide map from type names to renderers.
+#include <Kelvo/AllocatorCpp.h>
 #include <Kelvo/DisplayPointerCpp.h>
 #include <Kelvo/LockingCpp.h>
 #include <Kelvo/PlatformCpp.h>
@@ -53,7 +54,7 @@ String ValuePrinter::toString(const void* value) {
 }
 
 std::shared_ptr<ValuePrinter> getValuePrinter(const String& typeName, int size) {
-    return std::make_shared<ValuePrinter>(typeName, size);
+    return allocateShared<ValuePrinter>(typeName, size);
 }
 
 }  // namespace Platform
