@@ -6,7 +6,8 @@
 //
 // A wheel and its timers are used by one thread: the thread whose loop serves
 // the master timer. Wheels are shared through std::shared_ptr; every control
-// backed by a wheel holds a share of it.
+// backed by a wheel holds a share of it. Nothing of a wheel is shared across
+// threads: even the process-wide singleton serves one thread only.
 #pragma once
 
 #include <cstdint>

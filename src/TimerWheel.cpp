@@ -298,6 +298,8 @@ void TimerWheel::timeout() {
 
 std::shared_ptr<TimerWheel> getTimerWheel() {
     if (hasThreadLocalSingletons()) {
+        // Its initialiser creates the master timer, so the thread's loop is
+        // released after it (see LibeventFactoryCpp.h).
         thread_local std::shared_ptr<TimerWheel> wheel =
             std::make_shared<TimerWheel>(Platform::eventPriorityDefault);
         return wheel;

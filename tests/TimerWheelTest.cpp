@@ -62,7 +62,6 @@ TEST(TimerWheel, SingletonIsPerThreadOnlyWhenAsked) {
     std::thread([&] {
         useThreadLocalSingletons();
         own = getTimerWheel();
-        leFree();
     }).join();
     EXPECT_EQ(std::tuple(getTimerWheel(), plain), std::tuple(shared, shared));
     EXPECT_NE(own, shared);
