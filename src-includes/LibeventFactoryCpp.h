@@ -155,6 +155,7 @@ class KELVO_EXPORT EvLoopBreak {
 // Base management.
 KELVO_EXPORT void leInit();
 KELVO_EXPORT event_base* leCreateBase();
+// Makes base the thread's base, which the thread then owns (see Lifetime).
 KELVO_EXPORT void leRegisterBase(event_base* base);
 KELVO_EXPORT void setMainThread();
 // Frees the thread's base now; an assertion failure while controls remain.
