@@ -5,6 +5,25 @@
 // Every function acts on the calling thread's base. A control belongs to the
 // thread that created it; it must be armed and served there, and is owned by
 // the std::shared_ptr its factory returns.
+//
+// Lifetime. A thread's loop is created by its first leInit() (every factory and
+// loop function calls it) and belongs to the thread: leFree() frees it, and so
+// does the thread's exit. Each control holds a claim on the loop it was
+// created on: leFree() under live claims is an assertion failure, and a loop
+// whose thread exits under live claims is freed with the last of them (a
+// control may outlive its thread, though nothing serves it then).
+//
+// Writing a per-thread singleton that holds controls (the timer wheel, the
+// root scheduler): make it a thread_local whose initialiser obtains its
+// controls, or calls leInit(), before it completes. The loop's owner is a
+// thread_local completed by the thread's first leInit(), and thread_locals
+// are destroyed in the reverse order of their completion, so the singleton is
+// released before the loop and may still use it in its destructor.
+//
+// Shared across threads: the fast-forward switch (an atomic, written on the
+// main thread, read by every loop), the change notifiers (under a mutex) and
+// a loop's claim count (atomic: the last claim may go on another thread after
+// the owner's exit). Everything else is per thread.
 #pragma once
 
 #include <sys/time.h>
@@ -17,6 +36,23 @@
 #include "PlatformCpp.h"
 
 namespace Kelvo {
+
+namespace Impl {
+struct EventLoop;
+
+// A control's claim on the calling thread's loop (created by leInit() if
+// needed); the loop is not freed while a claim remains.
+class KELVO_EXPORT LoopClaim {
+  public:
+    LoopClaim();
+    ~LoopClaim();
+    LoopClaim(const LoopClaim&) = delete;
+    LoopClaim& operator=(const LoopClaim&) = delete;
+
+  private:
+    EventLoop* loop_;
+};
+}  // namespace Impl
 
 // libevent timer with one handler. Thread: the creating thread only.
 class KELVO_EXPORT LibeventTimerControl : public Platform::TimerControl {
@@ -31,7 +67,6 @@ class KELVO_EXPORT LibeventTimerControl : public Platform::TimerControl {
     double remainingTimeout() const override;
 
     Platform::TimeoutHandler* handler() const noexcept { return handler_; }
-    Platform::EventPriority priority() const noexcept { return priority_; }
 
     // libevent's callback; arg is the control.
     static void handleTimeout(evutil_socket_t fd, short what, void* arg);
@@ -39,6 +74,7 @@ class KELVO_EXPORT LibeventTimerControl : public Platform::TimerControl {
   private:
     void arm(const timeval& relative);
 
+    Impl::LoopClaim claim_;  // first: the loop outlives the event below
     Platform::TimeoutHandler* handler_;
     Platform::EventPriority priority_;
     struct event event_;
@@ -88,6 +124,7 @@ class KELVO_EXPORT LibeventFdControl : public Platform::FdControl {
     void arm(struct event* ev, short flags, event_callback_fn callback);
     void disarm(struct event* ev);
 
+    Impl::LoopClaim claim_;  // first: the loop outlives the events below
     Platform::FdEventHandler* handler_;
     int fd_ = -1;
     bool reads_ = true;
@@ -118,8 +155,10 @@ class KELVO_EXPORT EvLoopBreak {
 // Base management.
 KELVO_EXPORT void leInit();
 KELVO_EXPORT event_base* leCreateBase();
+// Makes base the thread's base, which the thread then owns (see Lifetime).
 KELVO_EXPORT void leRegisterBase(event_base* base);
 KELVO_EXPORT void setMainThread();
+// Frees the thread's base now; an assertion failure while controls remain.
 KELVO_EXPORT void leFree();
 KELVO_EXPORT bool leInitialized() noexcept;
 // The calling thread's base, null before leInit().
@@ -142,33 +181,46 @@ KELVO_EXPORT std::shared_ptr<Platform::CallbackControl> getLeCallbackControl(
 KELVO_EXPORT std::shared_ptr<Platform::FdControl> getLeFdControl(Platform::FdEventHandler* handler);
 
 // Loop functions behind Platform::doEventLoop and friends. A handler exception
-// that its hook does not claim leaves these calls.
+// that its hook does not claim leaves these calls. A bound of +infinity is no
+// bound (doLeEventLoop(inf) is doLeEventLoop(), doLeEventLoopInWaitfor(inf)
+// waits for the next event and handles it); a negative or NaN bound is zero.
 KELVO_EXPORT void doLeEventLoop();
 KELVO_EXPORT void doLeEventLoop(double seconds);
 KELVO_EXPORT void doLeEventLoopInWaitfor(double seconds);
 KELVO_EXPORT void eventLoopTimeout(double seconds);
 
 // The default bound of wait-for-condition loops: WAITFOR_DEFAULT seconds, or
-// +infinity; read once per process.
+// +infinity (also when it is not a number of seconds, or NaN, or negative,
+// any of which would make every wait loop spin); read once per process.
 KELVO_EXPORT double waitForDefaultTimeout();
 
 // Fast-forward and virtual time.
 KELVO_EXPORT void setLeFastForward(bool enabled);
 KELVO_EXPORT bool leFastForward() noexcept;
 KELVO_EXPORT void leRegisterFastForwardChangeNotifier(void (*notifier)());
-// The calling thread's virtual time offset in seconds.
+// The calling thread's virtual time offset in seconds. It only grows, and its
+// timeval form is normalised (microseconds 0 to 999999).
 KELVO_EXPORT double leVirtualTimeOffset() noexcept;
 KELVO_EXPORT timeval leVirtualTimeOffsetTimeval() noexcept;
-// Advances virtual time by delta and pulls every pending timer earlier by it.
+// Advances virtual time by delta (normalised, not negative: an assertion
+// otherwise) and pulls every pending timer earlier by it.
 KELVO_EXPORT void applyFastForwardDelta(const timeval* delta);
-// Distance from now to the first pending timer plus 100 µs; false when none.
+// Distance from now to the first timer plus 100 µs, zero when a timer is due
+// (also one due but not yet run); false when there is none.
 KELVO_EXPORT bool fastForwardDelayToFirstTimer(timeval* delay);
 KELVO_EXPORT void eventLoopFastForward(const timeval* delta);
+// With no timer and an unbounded maximum, waits for the next event in real
+// time and handles it.
 KELVO_EXPORT void eventLoopFastForwardToFirstTimer(double maxTimeout);
 
 namespace Impl {
+// A duration in seconds as a normalised timeval, truncated to microseconds:
+// NaN and negative durations are zero, longer ones are capped at 2^31 s.
+KELVO_EXPORT timeval durationToTimeval(double seconds) noexcept;
+
 // Base operations that libevent 2.1 lacks, emulated on its public interface.
-// 0 and the absolute expiry (base clock) of the earliest pending timer, or -1.
+// 0 and the absolute expiry (base clock) of the earliest timer, or -1; a timer
+// that is due but has not run yet counts, with its past expiry.
 KELVO_EXPORT int event_base_get_first_timeout(event_base* base, timeval* first);
 // Moves every pending timer's expiry earlier by offset, keeping their order.
 KELVO_EXPORT int event_base_timeout_subtract_offset(event_base* base, const timeval* offset);

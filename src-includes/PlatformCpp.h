@@ -135,15 +135,19 @@ KELVO_EXPORT std::shared_ptr<TimerControl> getTimerControl(TimeoutHandler* handl
 // Runs the calling thread's loop until it has no events left.
 KELVO_EXPORT void doEventLoop();
 // Runs the loop for that many seconds of real time, or of virtual time under
-// fast-forward.
+// fast-forward. +infinity is no bound (as doEventLoop()); a negative or NaN
+// bound is zero.
 KELVO_EXPORT void doEventLoop(double seconds);
-// One bounded step, for a loop that waits for a condition.
+// One bounded step, for a loop that waits for a condition; with +infinity it
+// waits for the next event and handles it.
 KELVO_EXPORT void doEventLoopInWaitfor(double seconds);
 
-// Virtual time. Only the main thread may switch it.
+// Virtual time. The switch is process-wide (an atomic that only the main
+// thread may write); each thread's virtual offset is its own and only grows.
 KELVO_EXPORT void setFastForward(bool enabled);
 KELVO_EXPORT bool fastForward() noexcept;
-// Advances the calling thread's virtual time without running the loop.
+// Advances the calling thread's virtual time without running the loop; a
+// negative or NaN advance does nothing, an infinite one is an assertion.
 KELVO_EXPORT void fastForwardBy(double seconds);
 // Called on the switching thread whenever the switch changes.
 KELVO_EXPORT void registerFastForwardChangeNotifier(void (*notifier)());

@@ -35,13 +35,13 @@ extern "C" {
 // Clears the entry and sets its flags; the entry is unscheduled afterwards.
 KELVO_EXPORT struct timeout* timeout_init(struct timeout* to, int flags);
 
-// A new wheel at tick 0; hz (ticks per second) is only recorded for the caller.
+// A new wheel at tick 0; hz (ticks per second) must not be 0, though the
+// wheel itself only counts ticks.
 // On failure returns NULL and stores an errno value in *error (if error is not
 // NULL): EINVAL for hz == 0, ENOMEM. Stores 0 on success.
 KELVO_EXPORT struct timeouts* timeouts_open(timeout_t hz, int* error);
 // Unschedules every entry still on the wheel (pending = NULL) and frees it.
 KELVO_EXPORT void timeouts_close(struct timeouts* T);
-KELVO_EXPORT timeout_t timeouts_hz(struct timeouts* T);
 // The wheel's current tick.
 KELVO_EXPORT timeout_t timeouts_now(struct timeouts* T);
 

@@ -6,7 +6,8 @@
 //
 // A wheel and its timers are used by one thread: the thread whose loop serves
 // the master timer. Wheels are shared through std::shared_ptr; every control
-// backed by a wheel holds a share of it.
+// backed by a wheel holds a share of it. Nothing of a wheel is shared across
+// threads: even the process-wide singleton serves one thread only.
 #pragma once
 
 #include <cstdint>
@@ -50,6 +51,7 @@ class KELVO_EXPORT TimerWheelEvent {
     // Only notLinked to and from each other state.
     void stateIs(TimerWheelState state);
 
+    // For events that are not controls (timer tasks) to start and stop themselves.
     void setTimeout(const std::shared_ptr<TimerWheel>& wheel, double seconds);
     void delTimeout(const std::shared_ptr<TimerWheel>& wheel);
     // Seconds left, 0.0 once due, +infinity when not running.
@@ -82,8 +84,9 @@ class KELVO_EXPORT TimerWheel : private Platform::TimeoutHandler {
     TimerWheel(const TimerWheel&) = delete;
     TimerWheel& operator=(const TimerWheel&) = delete;
 
-    // Schedules the event `seconds` from now (+infinity stops it); restarting
-    // it for the identical instant is a no-op.
+    // Schedules the event `seconds` from now (+infinity stops it; NaN is 0, and
+    // a negative delay, -infinity too, is overdue); restarting it for the
+    // identical instant is a no-op.
     void timerStart(TimerWheelEvent* event, double seconds);
     void timerStop(TimerWheelEvent* event);
     void timerExpired(TimerWheelEvent* event) const;

@@ -8,12 +8,15 @@
 #include <time.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <exception>
 #include <iostream>
 #include <limits>
+#include <mutex>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 template <>
@@ -40,26 +43,36 @@ const std::shared_ptr<Platform::DebugHandler>& trace() {
 const bool traceHandleCreated = (trace(), true);
 
 thread_local bool mainThread = false;
+// This thread's base and the record that owns it; set and cleared together.
 thread_local event_base* ev_base = nullptr;
+thread_local Impl::EventLoop* loop = nullptr;
 thread_local timeval virtualTimeOffset = {0, 0};
 // A handler exception waiting to leave the loop function that dispatched it.
 thread_local std::exception_ptr dispatchException;
 
-bool fastForward = false;
+// Switched on the main thread only, read by every thread's loop. Relaxed: it
+// publishes no other data, and the notifiers run on the switching thread.
+std::atomic<bool> fastForward{false};
 
 constexpr timeval extraDelay = {0, 100};
 
 // libevent only masks its common-timeout bits out of tv_usec internally.
 constexpr long microsecondsMask = 0x000fffff;
 
-timeval toTimeval(double seconds) {
-    timeval tv;
-    tv.tv_sec = static_cast<time_t>(seconds);
-    tv.tv_usec = static_cast<suseconds_t>((seconds - static_cast<double>(tv.tv_sec)) * 1e6);
-    return tv;
+// Within what libevent can add to its clock without overflow.
+constexpr double longestDuration = 2147483648.0;
+
+bool isFastForward() noexcept {
+    return fastForward.load(std::memory_order_relaxed);
+}
+
+// +infinity is the one bound that means "no bound".
+bool isUnbounded(double seconds) noexcept {
+    return seconds == infinity;
 }
 
 timeval toTimevalRoundedUp(double seconds) {
+    seconds = std::min(seconds, longestDuration);
     timeval tv;
     tv.tv_sec = static_cast<time_t>(seconds);
     tv.tv_usec =
@@ -101,13 +114,96 @@ void parkException(event_base* base) noexcept {
     event_base_loopbreak(base);
 }
 
-void dispatch(event_base* base) {
-    event_base_dispatch(base);
+// Unchecked forms of fastForwardDelayToFirstTimer() and
+// eventLoopFastForwardToFirstTimer(). A loop function reads the switch once:
+// the main thread may flip it while the step runs.
+bool delayToFirstTimer(timeval* delay);
+void stepToFirstTimer(double maxTimeout);
+
+// flags: 0 runs until no event is left or the loop is broken, EVLOOP_ONCE
+// waits for the next event and handles it.
+void dispatch(event_base* base, int flags = 0) {
+    event_base_loop(base, flags);
     if (dispatchException) {
         std::exception_ptr failure = std::move(dispatchException);
         dispatchException = nullptr;
         std::rethrow_exception(failure);
     }
+}
+
+}  // namespace
+
+namespace Impl {
+
+timeval durationToTimeval(double seconds) noexcept {
+    if (!(seconds > 0)) {
+        return {0, 0};
+    }
+    seconds = std::min(seconds, longestDuration);
+    timeval tv;
+    tv.tv_sec = static_cast<time_t>(seconds);
+    tv.tv_usec = static_cast<suseconds_t>((seconds - static_cast<double>(tv.tv_sec)) * 1e6);
+    return tv;
+}
+
+// A thread's loop. It holds one reference for its thread and one per claim;
+// whichever drops the last frees the base: leFree() or the thread's exit when
+// no control is left, otherwise the last control, possibly on another thread.
+struct EventLoop {
+    explicit EventLoop(event_base* base) noexcept : base(base) {}
+
+    void release() noexcept {
+        // acq_rel: every holder's use of the base happens before the free.
+        if (references.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+            event_base_free(base);
+            delete this;
+        }
+    }
+
+    event_base* const base;
+    std::atomic<int> references{1};
+};
+
+LoopClaim::LoopClaim() {
+    leInit();
+    loop_ = loop;
+    loop_->references.fetch_add(1, std::memory_order_relaxed);
+}
+
+LoopClaim::~LoopClaim() {
+    loop_->release();
+}
+
+}  // namespace Impl
+
+namespace {
+
+void releaseThreadLoop() noexcept {
+    Impl::EventLoop* const released = std::exchange(loop, nullptr);
+    ev_base = nullptr;
+    released->release();
+}
+
+// Releases the thread's loop at thread exit. Constructed by the thread's first
+// leInit(), so it is destroyed after every thread_local whose initialiser
+// reached the loop.
+struct ThreadLoopOwner {
+    ~ThreadLoopOwner() {
+        if (loop == nullptr) {
+            return;
+        }
+        const int controls = loop->references.load(std::memory_order_relaxed) - 1;
+        if (controls > 0) {
+            KELVO_TRACE(trace(), 2, "Thread exit: base {} stays for its {} live controls",
+                        static_cast<void*>(ev_base), controls);
+        }
+        releaseThreadLoop();
+    }
+};
+
+void ownThreadLoop() {
+    thread_local ThreadLoopOwner owner;
+    (void)owner;
 }
 
 }  // namespace
@@ -179,7 +275,11 @@ void leRegisterBase(event_base* base) {
     KELVO_ASSERT(ev_base == nullptr || ev_base == base,
                  "Tried to register a base:{} but a thread_local  base already exists: {}",
                  static_cast<void*>(base), static_cast<void*>(ev_base));
-    ev_base = base;
+    if (ev_base == nullptr && base != nullptr) {
+        ownThreadLoop();
+        loop = new Impl::EventLoop(base);
+        ev_base = base;
+    }
     setMainThread();
 }
 
@@ -188,10 +288,13 @@ void setMainThread() {
 }
 
 void leFree() {
-    if (ev_base != nullptr) {
-        event_base_free(ev_base);
-        ev_base = nullptr;
+    if (loop == nullptr) {
+        return;
     }
+    const int controls = loop->references.load(std::memory_order_relaxed) - 1;
+    KELVO_ASSERT(controls == 0, "Freeing base {} with {} live controls",
+                 static_cast<void*>(ev_base), controls);
+    releaseThreadLoop();
 }
 
 bool leInitialized() noexcept {
@@ -226,7 +329,6 @@ void eventPrioritySet(struct event* ev, Platform::EventPriority priority) {
 LibeventTimerControl::LibeventTimerControl(Platform::TimeoutHandler* handler,
                                            Platform::EventPriority priority)
     : handler_(handler), priority_(priority), expiry_(infinity) {
-    leInit();
     event_assign(&event_, ev_base, -1, 0, nullptr, nullptr);
     eventPrioritySet(&event_, priority_);
 }
@@ -248,13 +350,13 @@ void LibeventTimerControl::arm(const timeval& relative) {
 void LibeventTimerControl::setTimeout(double seconds) {
     KELVO_TRACEM(trace(), 9, "Timer {} set timeout {}", static_cast<void*>(this), seconds);
     delTimeout();
-    // +infinity means never; a negative delay means now.
-    if (std::isinf(seconds) && seconds > 0) {
+    // +infinity means never; a negative or NaN delay means now.
+    if (isUnbounded(seconds)) {
         return;
     }
-    seconds = std::max(seconds, 0.0);
-    expiry_ = Kelvo::time() + seconds;
-    arm(toTimeval(seconds));
+    const timeval relative = Impl::durationToTimeval(seconds);
+    expiry_ = Kelvo::time() + (seconds > 0 ? seconds : 0.0);
+    arm(relative);
 }
 
 void LibeventTimerControl::delTimeout() {
@@ -347,7 +449,6 @@ void LibeventCallbackControl::timeout() {
 // Descriptor control
 
 LibeventFdControl::LibeventFdControl(Platform::FdEventHandler* handler) : handler_(handler) {
-    leInit();
     event_assign(&readEvent_, ev_base, -1, 0, nullptr, nullptr);
     eventPrioritySet(&readEvent_, Platform::eventPriorityDefault);
     event_assign(&writeEvent_, ev_base, -1, 0, nullptr, nullptr);
@@ -506,7 +607,12 @@ void EvLoopBreak::handleBaseLoopBreak(evutil_socket_t, short, void* arg) {
 
 void eventLoopTimeout(double seconds) {
     KELVO_TRACE(trace(), 5, "timeout {}", seconds);
-    const timeval timeout = toTimeval(seconds);
+    leInit();
+    if (isUnbounded(seconds)) {
+        dispatch(ev_base);
+        return;
+    }
+    const timeval timeout = Impl::durationToTimeval(seconds);
     EvLoopBreak loopBreak(timeout, Platform::eventPriorityDefault);
     KELVO_TRACE(trace(), 8, "{} timeout {}", static_cast<void*>(loopBreak.breakEvent()), timeout);
     dispatch(ev_base);
@@ -515,7 +621,7 @@ void eventLoopTimeout(double seconds) {
 void doLeEventLoop() {
     leInit();
     timeval delay;
-    if (fastForward && fastForwardDelayToFirstTimer(&delay)) {
+    if (isFastForward() && delayToFirstTimer(&delay)) {
         applyFastForwardDelta(&delay);
     }
     dispatch(ev_base);
@@ -523,25 +629,32 @@ void doLeEventLoop() {
 
 void doLeEventLoop(double seconds) {
     KELVO_TRACE(trace(), 5, "timeout {}", seconds);
+    if (isUnbounded(seconds)) {
+        doLeEventLoop();
+        return;
+    }
     leInit();
-    if (!fastForward) {
+    seconds = seconds > 0 ? seconds : 0.0;
+    if (!isFastForward()) {
         eventLoopTimeout(seconds);
         return;
     }
     const double end = Kelvo::time() + seconds;
     for (double now = Kelvo::time(); end > now; now = Kelvo::time()) {
-        eventLoopFastForwardToFirstTimer(end - now);
+        stepToFirstTimer(end - now);
     }
 }
 
 void doLeEventLoopInWaitfor(double seconds) {
     KELVO_TRACE(trace(), 5, "maxTimeout {}", seconds);
     leInit();
-    if (!fastForward) {
+    if (isFastForward()) {
+        stepToFirstTimer(seconds);
+    } else if (isUnbounded(seconds)) {
+        dispatch(ev_base, EVLOOP_ONCE);
+    } else {
         eventLoopTimeout(seconds);
-        return;
     }
-    eventLoopFastForwardToFirstTimer(seconds);
 }
 
 double waitForDefaultTimeout() {
@@ -551,11 +664,14 @@ double waitForDefaultTimeout() {
             return infinity;
         }
         try {
-            return std::stod(text);
+            const double seconds = std::stod(text);
+            if (seconds >= 0) {
+                return seconds;
+            }
         } catch (const std::exception&) {
-            std::cerr << "Parsing the WAITFOR_DEFAULT env. variable failed" << std::flush;
-            return infinity;
         }
+        std::cerr << "Parsing the WAITFOR_DEFAULT env. variable failed" << std::flush;
+        return infinity;
     }();
     return timeout;
 }
@@ -580,28 +696,33 @@ namespace {
 struct PendingTimer {
     event* ev;
     timeval expiry;
+    // Expired and waiting on the active queue: it has no expiry left to move.
+    // A loop pass broken after an earlier callback (by the pass's own break
+    // event or a handler's exception) leaves such timers behind.
+    bool due;
 };
 
-// Only events in the timer heap: an expired timer waiting on the active queue
-// has no expiry left to move.
-int collectPendingTimer(const event_base*, const event* ev, void* arg) {
-    if (ev->ev_evcallback.evcb_flags & EVLIST_TIMEOUT) {
+int collectTimer(const event_base*, const event* ev, void* arg) {
+    const short flags = ev->ev_evcallback.evcb_flags;
+    const bool pending = flags & EVLIST_TIMEOUT;
+    const bool due = (flags & EVLIST_ACTIVE) && (ev->ev_res & EV_TIMEOUT);
+    if (pending || due) {
         static_cast<std::vector<PendingTimer>*>(arg)->push_back(
-            {const_cast<event*>(ev), expiryOf(ev)});
+            {const_cast<event*>(ev), expiryOf(ev), !pending});
     }
     return 0;
 }
 
-std::vector<PendingTimer> pendingTimers(event_base* base) {
+std::vector<PendingTimer> timersOf(event_base* base) {
     std::vector<PendingTimer> timers;
-    event_base_foreach_event(base, collectPendingTimer, &timers);
+    event_base_foreach_event(base, collectTimer, &timers);
     return timers;
 }
 
 }  // namespace
 
 int event_base_get_first_timeout(event_base* base, timeval* first) {
-    const std::vector<PendingTimer> timers = pendingTimers(base);
+    const std::vector<PendingTimer> timers = timersOf(base);
     if (timers.empty()) {
         return -1;
     }
@@ -616,7 +737,8 @@ int event_base_get_first_timeout(event_base* base, timeval* first) {
 }
 
 int event_base_timeout_subtract_offset(event_base* base, const timeval* offset) {
-    std::vector<PendingTimer> timers = pendingTimers(base);
+    std::vector<PendingTimer> timers = timersOf(base);
+    std::erase_if(timers, [](const PendingTimer& timer) { return timer.due; });
     std::stable_sort(timers.begin(), timers.end(),
                      [](const PendingTimer& a, const PendingTimer& b) {
                          return timercmp(&a.expiry, &b.expiry, <);
@@ -654,30 +776,42 @@ void event_base_now(event_base* base, timeval* now) {
 // Fast-forward
 
 namespace {
-std::set<void (*)()>& notifiers() {
-    static auto* set = new std::set<void (*)()>();
-    return *set;
+// Registered from any thread, called on the main thread: a copy taken under
+// the mutex is called outside it, so a notifier may register another.
+struct Notifiers {
+    std::mutex mutex;
+    std::set<void (*)()> set;
+};
+Notifiers& notifiers() {
+    static auto* notifiers = new Notifiers();
+    return *notifiers;
 }
 }  // namespace
 
 void setLeFastForward(bool enabled) {
     leInit();
     KELVO_ASSERT(mainThread, "FastForward invoked from non-main thread");
-    if (enabled == fastForward) {
+    if (enabled == isFastForward()) {
         return;
     }
-    fastForward = enabled;
-    for (void (*notifier)() : notifiers()) {
+    fastForward.store(enabled, std::memory_order_relaxed);
+    std::set<void (*)()> toNotify;
+    {
+        std::lock_guard<std::mutex> guard(notifiers().mutex);
+        toNotify = notifiers().set;
+    }
+    for (void (*notifier)() : toNotify) {
         notifier();
     }
 }
 
 bool leFastForward() noexcept {
-    return fastForward;
+    return isFastForward();
 }
 
 void leRegisterFastForwardChangeNotifier(void (*notifier)()) {
-    notifiers().insert(notifier);
+    std::lock_guard<std::mutex> guard(notifiers().mutex);
+    notifiers().set.insert(notifier);
 }
 
 double leVirtualTimeOffset() noexcept {
@@ -690,6 +824,8 @@ timeval leVirtualTimeOffsetTimeval() noexcept {
 }
 
 void applyFastForwardDelta(const timeval* delta) {
+    KELVO_ASSERT(delta->tv_sec >= 0 && delta->tv_usec >= 0 && delta->tv_usec <= 999999,
+                 "Virtual time cannot move by {}", *delta);
     leInit();
     const int rc = Impl::event_base_timeout_subtract_offset(ev_base, delta);
     KELVO_ASSERT(rc == 0, "event_base_timeout_subtract_offset failed rc {}", rc);
@@ -703,8 +839,9 @@ void applyFastForwardDelta(const timeval* delta) {
                 virtualTimeOffset);
 }
 
-bool fastForwardDelayToFirstTimer(timeval* delay) {
-    KELVO_ASSERT(fastForward, "Called without fast forward enabled");
+namespace {
+
+bool delayToFirstTimer(timeval* delay) {
     leInit();
     timeval first;
     if (Impl::event_base_get_first_timeout(ev_base, &first) != 0) {
@@ -725,6 +862,28 @@ bool fastForwardDelayToFirstTimer(timeval* delay) {
     return true;
 }
 
+void stepToFirstTimer(double maxTimeout) {
+    KELVO_TRACE(trace(), 5, "maxTimeout {}", maxTimeout);
+    const timeval maximum = Impl::durationToTimeval(maxTimeout);
+    timeval first;
+    const bool hasTimer = delayToFirstTimer(&first);
+    if (hasTimer && (isUnbounded(maxTimeout) || timercmp(&first, &maximum, <))) {
+        eventLoopFastForward(&first);
+    } else if (!isUnbounded(maxTimeout)) {
+        eventLoopFastForward(&maximum);
+    } else {
+        // Nothing to skip to: only an event from outside can come.
+        dispatch(ev_base, EVLOOP_ONCE);
+    }
+}
+
+}  // namespace
+
+bool fastForwardDelayToFirstTimer(timeval* delay) {
+    KELVO_ASSERT(isFastForward(), "Called without fast forward enabled");
+    return delayToFirstTimer(delay);
+}
+
 void eventLoopFastForward(const timeval* delta) {
     applyFastForwardDelta(delta);
     EvLoopBreak loopBreak({0, 0}, Platform::eventPriorityDefault);
@@ -734,15 +893,8 @@ void eventLoopFastForward(const timeval* delta) {
 }
 
 void eventLoopFastForwardToFirstTimer(double maxTimeout) {
-    KELVO_TRACE(trace(), 5, "maxTimeout {}", maxTimeout);
-    KELVO_ASSERT(fastForward, "Called without fastForward enabled");
-    const timeval maximum = toTimeval(maxTimeout);
-    timeval step = maximum;
-    timeval first;
-    if (fastForwardDelayToFirstTimer(&first) && timercmp(&first, &maximum, <)) {
-        step = first;
-    }
-    eventLoopFastForward(&step);
+    KELVO_ASSERT(isFastForward(), "Called without fastForward enabled");
+    stepToFirstTimer(maxTimeout);
 }
 
 }  // namespace Kelvo

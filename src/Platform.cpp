@@ -5,6 +5,8 @@
 
 #include <time.h>
 
+#include <cmath>
+
 namespace Kelvo {
 
 double time() noexcept {
@@ -78,11 +80,16 @@ bool fastForward() noexcept {
     return leFastForward();
 }
 
+// Virtual time only grows: a negative or NaN advance moves nothing, and an
+// infinite one would leave no finite time to run anything at.
 void fastForwardBy(double seconds) {
     KELVO_ASSERT(leFastForward(), "fast-forwarding disabled");
-    timeval delta;
-    delta.tv_sec = static_cast<time_t>(seconds);
-    delta.tv_usec = static_cast<suseconds_t>((seconds - static_cast<double>(delta.tv_sec)) * 1e6);
+    KELVO_ASSERT(std::isfinite(seconds) || !(seconds > 0),
+                 "fastForwardBy({}): virtual time cannot become infinite", seconds);
+    if (!(seconds > 0)) {
+        return;
+    }
+    const timeval delta = Impl::durationToTimeval(seconds);
     applyFastForwardDelta(&delta);
 }
 

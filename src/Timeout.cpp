@@ -48,7 +48,6 @@ struct timeouts {
     uint64_t occupied[kLevels];
     timeout_list expired;
     timeout_t now;
-    timeout_t hz;
 };
 
 namespace {
@@ -108,7 +107,6 @@ timeouts* timeouts_open(timeout_t hz, int* error) {
             bits = 0;
         }
         T->now = 0;
-        T->hz = hz;
     }
     if (error) {
         *error = err;
@@ -133,10 +131,6 @@ void timeouts_close(timeouts* T) {
     }
     release(&T->expired);
     delete T;
-}
-
-timeout_t timeouts_hz(timeouts* T) {
-    return T->hz;
 }
 
 timeout_t timeouts_now(timeouts* T) {

@@ -21,6 +21,12 @@ const std::shared_ptr<Platform::DebugHandler>& trace() {
 }
 const bool traceHandleCreated = (trace(), true);
 
+// Ticks past the wheel's range saturate, as the wheel's own sums do.
+timeout_t tickOf(double ticks) {
+    constexpr double lastTick = 18446744073709551615.0;  // rounds to 2^64
+    return ticks >= lastTick ? ~timeout_t(0) : static_cast<timeout_t>(ticks);
+}
+
 int stateBit(TimerWheelState state) {
     return 1 << (static_cast<int>(state) + TimerWheelEvent::stateFlagShift);
 }
@@ -146,14 +152,16 @@ TimerWheel::~TimerWheel() {
 
 double TimerWheel::setCurrentTime() {
     const double now = Kelvo::time();
-    const auto tick = static_cast<timeout_t>(std::ceil(now * ticksPerSecond));
+    const timeout_t tick = tickOf(std::ceil(now * ticksPerSecond));
     KELVO_TRACEM(trace(), 8, "advance time to {} tick {}", now, tick);
     timeouts_update(wheel_, tick);
     return now;
 }
 
 void TimerWheel::timerStart(TimerWheelEvent* event, double seconds) {
-    const double expiry = Kelvo::time() + seconds;
+    // A NaN delay is no delay, and any negative one (-infinity too) an expiry
+    // at the latest at the clock's origin: overdue, finite, so stoppable.
+    const double expiry = std::max(Kelvo::time() + (std::isnan(seconds) ? 0.0 : seconds), 0.0);
     if (expiry == event->expirationTime) {
         return;
     }
@@ -165,7 +173,7 @@ void TimerWheel::timerStart(TimerWheelEvent* event, double seconds) {
         return;
     }
     event->expirationTime = expiry;
-    const auto tick = static_cast<timeout_t>(std::max(std::floor(expiry * ticksPerSecond), 0.0));
+    const timeout_t tick = tickOf(std::floor(expiry * ticksPerSecond));
     KELVO_TRACEM(trace(), 9, "timer {} set timeout {} expire at {} tick {}",
                  static_cast<void*>(event), seconds, expiry, tick);
     timeouts_add(wheel_, &event->timeoutLink, tick);
@@ -298,6 +306,8 @@ void TimerWheel::timeout() {
 
 std::shared_ptr<TimerWheel> getTimerWheel() {
     if (hasThreadLocalSingletons()) {
+        // Its initialiser creates the master timer, so the thread's loop is
+        // released after it (see LibeventFactoryCpp.h).
         thread_local std::shared_ptr<TimerWheel> wheel =
             std::make_shared<TimerWheel>(Platform::eventPriorityDefault);
         return wheel;

@@ -1,9 +1,15 @@
 #include <Kelvo/LibeventFactoryCpp.h>
 
+#include <Kelvo/ThreadCpp.h>
+#include <Kelvo/TimerWheelCpp.h>
+
 #include "EventLoopTestUtil.h"
+#include "OsTestSupport.h"
 
 #include <fcntl.h>
 
+#include <atomic>
+#include <cmath>
 #include <thread>
 #include <tuple>
 #include <vector>
@@ -26,6 +32,41 @@ TEST(LibeventBase, SecondDifferentBaseIsRefusedSameBaseAccepted) {
         leFree();
         EXPECT_FALSE(leInitialized());
     }).join();
+}
+
+// Freeing the base under live controls would leave their events pointing
+// into freed memory.
+TEST(LibeventBase, FreeingUnderLiveControlsIsRefused) {
+    std::thread([] {
+        {
+            Probe p;  // a timer, a callback and a descriptor control
+            EXPECT_THAT(assertMessage(leFree), HasSubstr("3 live controls"));
+            EXPECT_TRUE(leInitialized());
+        }
+        leFree();
+        EXPECT_FALSE(leInitialized());
+    }).join();
+}
+
+// A thread's loop, its timer wheel's included, is freed when the thread exits,
+// or, if a control outlives the thread, when that control goes.
+TEST(LibeventBase, ThreadsReleaseTheirLoopAtExit) {
+    const std::set<int> before = openFds();
+    std::unique_ptr<Probe> outlivesItsThread;
+    std::thread([&] { outlivesItsThread = std::make_unique<Probe>(); }).join();
+    EXPECT_GT(openFds().size(), before.size());
+    outlivesItsThread.reset();
+    for (int i = 0; i < 100; ++i) {
+        std::thread([] {
+            useThreadLocalSingletons();
+            Probe onWheel(getTimerWheel()), onLoop;
+            onWheel.start(0);
+            onLoop.start(0);
+            doEventLoop();
+            EXPECT_EQ(onWheel.fired + onLoop.fired, 2);
+        }).join();
+    }
+    EXPECT_EQ(openFds(), before);
 }
 
 TEST(LibeventBase, PrioritiesAndDiagnosticsAreTraced) {
@@ -81,6 +122,35 @@ TEST(LibeventControls, TimersRearmAndCancelCallbacksCoalesce) {
     p.timer->setTimeout(-1);
     doEventLoop();
     EXPECT_EQ(p.fired, 2);
+}
+
+// +infinity is no bound: doEventLoop runs until no event is left and
+// doEventLoopInWaitfor waits for the next one. A negative or NaN bound is
+// zero: one pass that runs what is already due.
+TEST(LibeventLoop, InfiniteBoundWaitsNegativeOrNanBoundIsZero) {
+    const double nan = std::nan("");
+    const struct {
+        const char* name;
+        std::function<void()> run;
+        bool unbounded;
+    } rows[] = {
+        {"doEventLoop(inf)", [] { doEventLoop(inf); }, true},
+        {"doEventLoopInWaitfor(inf)", [] { doEventLoopInWaitfor(inf); }, true},
+        {"doEventLoop(nan)", [=] { doEventLoop(nan); }, false},
+        {"doEventLoop(-1)", [] { doEventLoop(-1); }, false},
+        {"doEventLoopInWaitfor(nan)", [=] { doEventLoopInWaitfor(nan); }, false},
+        {"doEventLoopInWaitfor(-inf)", [] { doEventLoopInWaitfor(-inf); }, false},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        Probe due, later;
+        if (!row.unbounded)
+            due.start(0);
+        later.start(row.unbounded ? 0.05 : 5);
+        row.run();
+        EXPECT_EQ(std::tuple(due.fired, later.fired),
+                  row.unbounded ? std::tuple(0, 1) : std::tuple(1, 0));
+    }
 }
 
 TEST(LibeventFd, ReadsPersistWritesAreOneShot) {
@@ -156,8 +226,11 @@ TEST(WaitForDefault, ParsedFromEnvironment) {
         std::_Exit(waitForDefaultTimeout() == expected ? 0 : 1);
     };
     EXPECT_EXIT(exitsZeroIfParsedAs("2.5", 2.5), ::testing::ExitedWithCode(0), "");
-    EXPECT_EXIT(exitsZeroIfParsedAs("abc", inf), ::testing::ExitedWithCode(0),
-                "Parsing the WAITFOR_DEFAULT env. variable failed");
+    // NaN and negative defaults would make every wait loop spin.
+    for (const char* invalid : {"abc", "nan", "-1"})
+        EXPECT_EXIT(exitsZeroIfParsedAs(invalid, inf), ::testing::ExitedWithCode(0),
+                    "Parsing the WAITFOR_DEFAULT env. variable failed")
+            << invalid;
 }
 
 // One timer 10 s ahead: the loop jumps to it plus the 100 us extra delay,
@@ -236,4 +309,69 @@ TEST_F(FastForward, SwitchNotifiesOnChangeOnlyAndOnlyOnMainThread) {
     const double before = Kelvo::time();
     fastForwardBy(2);
     EXPECT_GE(Kelvo::time() - before, 2.0);
+}
+
+// Two timers 0 to 400 us apart: when a pass ends, the second may already be
+// due but still queued behind the pass's break event. The next step must see
+// it as due (zero delta) instead of jumping to the end of the run.
+TEST_F(FastForward, DueButUnrunTimerIsNeverJumpedOver) {
+    Probe first, second;
+    int late = 0;
+    for (Probe* p : {&first, &second})
+        p->onTimeout = [p, &late] { late += Kelvo::time() - p->due > 0.5; };
+    for (int quarters = 0; quarters <= 1600; ++quarters) {
+        first.start(1.0);
+        second.start(1.0 + quarters * 0.25e-6);
+        doEventLoop(5);
+    }
+    EXPECT_EQ(std::tuple(first.fired, second.fired, first.early + second.early, late),
+              std::tuple(1601, 1601, 0, 0));
+}
+
+// An unbounded wait steps to the first timer; advances that are negative or
+// NaN move nothing, an infinite one is refused; the offset stays normalised.
+TEST_F(FastForward, VirtualTimeOnlyGrowsAndStaysNormalised) {
+    Probe t;
+    for (auto run : {+[] { doEventLoopInWaitfor(inf); }, +[] { doEventLoop(inf); }}) {
+        const double before = leVirtualTimeOffset();
+        t.start(10);
+        run();
+        EXPECT_EQ(std::tuple(t.fired, t.early), std::tuple(1, 0));
+        EXPECT_NEAR(leVirtualTimeOffset() - before, 10.0001, 0.01);
+        t.fired = 0;
+    }
+    for (double seconds : {-2.0, -0.5, std::nan(""), -inf, 0.75}) {
+        const timeval before = leVirtualTimeOffsetTimeval();
+        fastForwardBy(seconds);
+        const timeval after = leVirtualTimeOffsetTimeval();
+        const long grown =
+            (after.tv_sec - before.tv_sec) * 1000000 + after.tv_usec - before.tv_usec;
+        EXPECT_EQ(grown, seconds > 0 ? 750000 : 0) << seconds;
+        EXPECT_TRUE(after.tv_usec >= 0 && after.tv_usec < 1000000) << after.tv_usec;
+    }
+    EXPECT_THAT(assertMessage([] { fastForwardBy(inf); }), HasSubstr("fastForwardBy(inf)"));
+}
+
+// The main thread flips the switch while another thread's loop reads it; a
+// loop call keeps the mode it started in.
+TEST(FastForwardSwitch, FlippedWhileAnotherThreadRunsItsLoop) {
+    std::atomic<bool> stop{false};
+    std::atomic<int> passes{0}, refused{0};
+    std::thread loop([&] {
+        while (!stop.load()) {
+            try {
+                doEventLoopInWaitfor(0);
+                ++passes;
+            } catch (const AssertException&) {
+                ++refused;
+            }
+        }
+    });
+    for (int flips = 0; flips < 1000000 && (flips < 5000 || passes < 500); ++flips)
+        setFastForward(flips % 2 == 0);
+    setFastForward(false);
+    stop = true;
+    loop.join();
+    EXPECT_EQ(refused, 0);
+    EXPECT_GE(passes, 500);
 }

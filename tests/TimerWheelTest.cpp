@@ -4,6 +4,7 @@
 
 #include "EventLoopTestUtil.h"
 
+#include <cmath>
 #include <random>
 #include <thread>
 #include <tuple>
@@ -62,7 +63,6 @@ TEST(TimerWheel, SingletonIsPerThreadOnlyWhenAsked) {
     std::thread([&] {
         useThreadLocalSingletons();
         own = getTimerWheel();
-        leFree();
     }).join();
     EXPECT_EQ(std::tuple(getTimerWheel(), plain), std::tuple(shared, shared));
     EXPECT_NE(own, shared);
@@ -81,6 +81,25 @@ TEST(TimerWheel, StoppingLeavesMasterTimerUntilItFindsNothing) {
     EXPECT_THAT(lines, HasSubstr("master timer expired"));
     EXPECT_THAT(lines, HasSubstr("has no timers, del master timer timeout"));
     EXPECT_EQ(std::tuple(t.fired, wheel->masterTimerExpiry()), std::tuple(0, inf));
+}
+
+// -infinity and NaN are overdue like any negative delay: the timer reports
+// 0 s left, can be stopped, and otherwise fires once on the next pass.
+TEST(TimerWheel, InfiniteOrNanDelayIsOverdueAndCancellable) {
+    auto wheel = newWheel();
+    for (double delay : {-inf, std::nan("")}) {
+        SCOPED_TRACE(delay);
+        Probe t(wheel);
+        t.timer->setTimeout(delay);
+        EXPECT_EQ(t.timer->remainingTimeout(), 0.0);
+        t.timer->delTimeout();
+        EXPECT_EQ(t.timer->remainingTimeout(), inf);
+        doEventLoop();
+        EXPECT_EQ(t.fired, 0);
+        t.timer->setTimeout(delay);
+        doEventLoop();
+        EXPECT_EQ(std::tuple(t.fired, t.timer->remainingTimeout()), std::tuple(1, inf));
+    }
 }
 
 // Real time: loop and wheel timers armed before and at the end of a slow
