@@ -1,4 +1,5 @@
 // The per-thread libevent loop, its controls, and virtual time.
+#include <Kelvo/AllocatorCpp.h>
 #include <Kelvo/FmtraceCpp.h>
 #include <Kelvo/LibeventFactoryCpp.h>
 #include <Kelvo/ThreadCpp.h>
@@ -564,16 +565,16 @@ std::shared_ptr<Platform::TimerControl> getLeTimerControl(Platform::TimeoutHandl
 
 std::shared_ptr<Platform::TimerControl> getLeTimerControl(Platform::TimeoutHandler* handler,
                                                           Platform::EventPriority priority) {
-    return std::make_shared<LibeventTimerControl>(handler, priority);
+    return allocateShared<LibeventTimerControl>(handler, priority);
 }
 
 std::shared_ptr<Platform::CallbackControl> getLeCallbackControl(
     Platform::CallbackHandler* handler) {
-    return std::make_shared<LibeventCallbackControl>(handler);
+    return allocateShared<LibeventCallbackControl>(handler);
 }
 
 std::shared_ptr<Platform::FdControl> getLeFdControl(Platform::FdEventHandler* handler) {
-    return std::make_shared<LibeventFdControl>(handler);
+    return allocateShared<LibeventFdControl>(handler);
 }
 
 // ---------------------------------------------------------------------------

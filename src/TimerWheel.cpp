@@ -1,4 +1,5 @@
 // Timers multiplexed onto one event-loop timer through a hierarchical wheel.
+#include <Kelvo/AllocatorCpp.h>
 #include <Kelvo/FmtraceCpp.h>
 #include <Kelvo/ThreadCpp.h>
 #include <Kelvo/TimerWheelCpp.h>
@@ -309,24 +310,24 @@ std::shared_ptr<TimerWheel> getTimerWheel() {
         // Its initialiser creates the master timer, so the thread's loop is
         // released after it (see LibeventFactoryCpp.h).
         thread_local std::shared_ptr<TimerWheel> wheel =
-            std::make_shared<TimerWheel>(Platform::eventPriorityDefault);
+            allocateShared<TimerWheel>(Platform::eventPriorityDefault);
         return wheel;
     }
     // Never destroyed: timers may still be stopped from static destructors.
     static auto* wheel = new std::shared_ptr<TimerWheel>(
-        std::make_shared<TimerWheel>(Platform::eventPriorityDefault));
+        allocateShared<TimerWheel>(Platform::eventPriorityDefault));
     return *wheel;
 }
 
 std::shared_ptr<TimerWheel> getTimerWheelForTaskScheduler(Platform::EventPriority priority) {
-    return std::make_shared<TimerWheel>(priority);
+    return allocateShared<TimerWheel>(priority);
 }
 
 namespace Platform {
 
 std::shared_ptr<TimerControl> getTimerControl(TimeoutHandler* handler,
                                               std::shared_ptr<TimerWheel> wheel) {
-    return std::make_shared<TimerWheelTimerControl>(handler, std::move(wheel));
+    return allocateShared<TimerWheelTimerControl>(handler, std::move(wheel));
 }
 
 }  // namespace Platform

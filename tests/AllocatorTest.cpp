@@ -93,3 +93,33 @@ TEST(Allocator, ExactAcrossThreadsAndListedByName) {
 }
 
 }  // namespace
+
+namespace {
+
+struct NoTimeout : Kelvo::Platform::TimeoutHandler {
+    void timeout() override {}
+};
+
+uint64_t liveOf(const char* typeNamePart) {
+    uint64_t live = 0;
+    for (const auto& u : MemTrack::usage()) {
+        live += u.typeName.find(typeNamePart) != Kelvo::String::npos ? u.liveObjects : 0;
+    }
+    return live;
+}
+
+TEST(Allocator, LibraryControlsAreCounted) {
+    NoTimeout handler;
+    const uint64_t timers = liveOf("TimerControl"), wheels = liveOf("Kelvo::TimerWheel");
+    {
+        auto loopTimer = Kelvo::Platform::getTimerControl(&handler);
+        auto wheel = Kelvo::getTimerWheelForTaskScheduler(Kelvo::Platform::eventPriorityDefault);
+        // The wheel holds a loop timer of its own.
+        EXPECT_EQ(liveOf("TimerControl"), timers + 2);
+        EXPECT_EQ(liveOf("Kelvo::TimerWheel"), wheels + 1);
+    }
+    EXPECT_EQ(liveOf("TimerControl"), timers);
+    EXPECT_EQ(liveOf("Kelvo::TimerWheel"), wheels);
+}
+
+}  // namespace
