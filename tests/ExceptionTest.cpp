@@ -1,14 +1,10 @@
-#include <Kelvo/Kelvo.h>
-#include <execinfo.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <stdexcept>
-
 #include "TestSupport.h"
+#include <execinfo.h>
+
+using namespace KelvoTest;
 
 // Exported, so that the loader can name it in a printed backtrace.
-KELVO_EXPORT [[gnu::noinline]] Kelvo::Backtrace captureHere() {
+[[gnu::noinline]] KELVO_EXPORT Kelvo::Backtrace captureHere() {
     Kelvo::Backtrace trace(true);
     asm volatile("" ::: "memory");  // keep the frame apart from the caller's
     return trace;
@@ -17,7 +13,7 @@ KELVO_EXPORT [[gnu::noinline]] Kelvo::Backtrace captureHere() {
 // Both captures from one function: below their first entries (the two call
 // sites) the stacks are the same. Compared from the outermost frame, since a
 // sanitizer's interceptor adds a frame on top of glibc's.
-KELVO_EXPORT [[gnu::noinline]] bool sameFramesAsGlibc() {
+[[gnu::noinline]] KELVO_EXPORT bool sameFramesAsGlibc() {
     void* ips[100];
     const int n = backtrace(ips, 100);
     const Kelvo::Backtrace trace(true);
@@ -28,15 +24,7 @@ KELVO_EXPORT [[gnu::noinline]] bool sameFramesAsGlibc() {
     return same;
 }
 
-using KelvoTest::assertionText;
-using testing::EndsWith;
-using testing::HasSubstr;
-using testing::MatchesRegex;
-using testing::StartsWith;
-
 namespace {
-
-const bool assertsThrow = (Kelvo::throwOnAssertFailIs(true), true);
 
 template <typename... E>
 void expectEachNamesItselfThenPrintsItsBacktrace() {
@@ -75,11 +63,11 @@ struct Holder {
 };
 
 TEST(Assert, MessageCarriesFileLineClassAndFunction) {
-    EXPECT_THAT(assertionText([] { KELVO_ASSERT(1 > 2); }),
+    EXPECT_THAT(thrownMessage([] { KELVO_ASSERT(1 > 2); }),
                 MatchesRegex(std::string(__FILE__) + ":[0-9]+: 1 > 2"));
-    EXPECT_THAT(assertionText([] { Holder<int>().check(0); }),
+    EXPECT_THAT(thrownMessage([] { Holder<int>().check(0); }),
                 MatchesRegex(".*ExceptionTest\\.cpp:[0-9]+: Holder::check\\(\\) v is 0"));
-    EXPECT_THAT(assertionText([] { KELVO_ASSERT_FAIL("n={}", 3); }), EndsWith(": n=3"));
+    EXPECT_THAT(thrownMessage([] { KELVO_ASSERT_FAIL("n={}", 3); }), EndsWith(": n=3"));
 }
 
 TEST(AssertDeathTest, CheckAbortsEvenWhenAssertionsThrow) {

@@ -1,17 +1,9 @@
-#include <Kelvo/LibeventFactoryCpp.h>
+#include "TestSupport.h"
 
-#include "EventLoopTestUtil.h"
-
-#include <fcntl.h>
-
-#include <thread>
-#include <tuple>
-#include <vector>
+using namespace KelvoTest;
 
 using namespace Kelvo;
 using namespace Kelvo::Platform;
-using namespace KelvoTest;
-using ::testing::HasSubstr;
 
 TEST(LibeventBase, SecondDifferentBaseIsRefusedSameBaseAccepted) {
     std::thread([] {
@@ -19,7 +11,7 @@ TEST(LibeventBase, SecondDifferentBaseIsRefusedSameBaseAccepted) {
         leInit();
         event_base *own = leBase(), *other = leCreateBase();
         leRegisterBase(own);
-        EXPECT_THAT(assertMessage([&] { leRegisterBase(other); }),
+        EXPECT_THAT(thrownMessage([&] { leRegisterBase(other); }),
                     HasSubstr("but a thread_local  base already exists: "));
         EXPECT_EQ(leBase(), own);
         event_base_free(other);
@@ -29,16 +21,8 @@ TEST(LibeventBase, SecondDifferentBaseIsRefusedSameBaseAccepted) {
 }
 
 TEST(LibeventBase, PrioritiesAndDiagnosticsAreTraced) {
-    std::string text;
-    for (int value : {0, 1, 2, 255}) {
-        const auto p = static_cast<EventPriority>(value);
-        text += fmt::format("[{}] {} {}\n", eventPriorityToString(p), p, isEventPriorityValid(p));
-    }
-    EXPECT_EQ(text,
-              "[eventPriorityStrictHigh] eventPriorityStrictHigh true\n"
-              "[eventPriorityDefault] eventPriorityDefault true\n"
-              "[] Invalid EventPriority=2 false\n"
-              "[] Invalid EventPriority=255 false\n");
+    EXPECT_EQ(eventPriorityToString(static_cast<EventPriority>(2)), "");
+    EXPECT_FALSE(isEventPriorityValid(static_cast<EventPriority>(2)));
     setTraceFormat("level");
     EXPECT_EQ(
         traced("KelvoLibevent/*",
@@ -49,9 +33,9 @@ TEST(LibeventBase, PrioritiesAndDiagnosticsAreTraced) {
         "9 libevent: note\n5 libevent: note\n1 libevent: note\n0 libevent: "
         "note\n");
     setTraceFormat("date,time,tid,handle,level");
-    EXPECT_THAT(assertMessage([] { le_debug_cb(4, "odd"); }),
+    EXPECT_THAT(thrownMessage([] { le_debug_cb(4, "odd"); }),
                 HasSubstr("invalid libevent severity:4 msg:odd"));
-    EXPECT_THAT(assertMessage([] { le_fatal_cb(3); }), HasSubstr("libevent fatal error:3"));
+    EXPECT_THAT(thrownMessage([] { le_fatal_cb(3); }), HasSubstr("libevent fatal error:3"));
 }
 
 // A new timeout replaces the pending one, inf cancels, a negative one is
@@ -220,7 +204,7 @@ TEST_F(FastForward, SwitchNotifiesOnChangeOnlyAndOnlyOnMainThread) {
     setFastForward(false);
     EXPECT_EQ(notified, 1);
     std::thread([] {
-        EXPECT_THAT(assertMessage([] { setFastForward(false); }),
+        EXPECT_THAT(thrownMessage([] { setFastForward(false); }),
                     HasSubstr("FastForward invoked from non-main thread"));
         leFree();
     }).join();
@@ -230,7 +214,7 @@ TEST_F(FastForward, SwitchNotifiesOnChangeOnlyAndOnlyOnMainThread) {
         {[&] { fastForwardDelayToFirstTimer(&delay); }, "Called without fast forward enabled"},
         {[] { eventLoopFastForwardToFirstTimer(1); }, "Called without fastForward enabled"}};
     for (const auto& [misuse, message] : misuses)
-        EXPECT_THAT(assertMessage(misuse), HasSubstr(message));
+        EXPECT_THAT(thrownMessage(misuse), HasSubstr(message));
     setFastForward(true);
     EXPECT_EQ(notified, 2);
     const double before = Kelvo::time();
