@@ -1,5 +1,7 @@
 #include "TestSupport.h"
+#include <dlfcn.h>
 #include <execinfo.h>
+#include <link.h>
 
 using namespace KelvoTest;
 
@@ -102,6 +104,34 @@ TEST(Backtrace, CapturesFromItsConstructorAndPrintsEveryFrame) {
     }
     EXPECT_EQ(n, trace.count());
     EXPECT_EQ(std::pair(deepCapture(500), deepCapture(5) < 100), std::pair(100u, true));
+}
+
+// The library whose _Unwind_RaiseException serves every throw: the first in
+// the lookup order that defines it, passing over a sanitizer runtime, which
+// only interposes and forwards to the next definition.
+std::string unwinderLibrary() {
+    std::vector<std::string> loaded;
+    dl_iterate_phdr(
+        [](dl_phdr_info* info, size_t, void* out) {
+            static_cast<std::vector<std::string>*>(out)->push_back(info->dlpi_name);
+            return 0;
+        },
+        &loaded);
+    for (const std::string& name : loaded) {
+        void* handle = name.empty() ? nullptr : ::dlopen(name.c_str(), RTLD_LAZY | RTLD_NOLOAD);
+        void* raise = handle ? ::dlsym(handle, "_Unwind_RaiseException") : nullptr;
+        Dl_info where;
+        if (raise && ::dladdr(raise, &where) && name == where.dli_fname &&
+            name.find("san.so") == std::string::npos)
+            return name;
+    }
+    return "none";
+}
+
+// libunwind, linked for backtraces, carries an unwinder of its own that must
+// not take over the exceptions of the process.
+TEST(Exception, ThrowsUseTheToolchainUnwinder) {
+    EXPECT_THAT(unwinderLibrary(), HasSubstr("/libgcc_s.so"));
 }
 
 TEST(TypeName, DemanglesAndFallsBackToTheRawName) {
