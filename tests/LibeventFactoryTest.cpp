@@ -21,8 +21,11 @@ TEST(LibeventBase, SecondDifferentBaseIsRefusedSameBaseAccepted) {
 }
 
 TEST(LibeventBase, PrioritiesAndDiagnosticsAreTraced) {
-    EXPECT_EQ(eventPriorityToString(static_cast<EventPriority>(2)), "");
-    EXPECT_FALSE(isEventPriorityValid(static_cast<EventPriority>(2)));
+    const auto odd = static_cast<EventPriority>(2);
+    EXPECT_EQ(fmt::format("{} {} {} [{}]", eventPriorityStrictHigh, eventPriorityDefault, odd,
+                          eventPriorityToString(odd)),
+              "eventPriorityStrictHigh eventPriorityDefault Invalid EventPriority=2 []");
+    EXPECT_FALSE(isEventPriorityValid(odd));
     setTraceFormat("level");
     EXPECT_EQ(
         traced("KelvoLibevent/*",
