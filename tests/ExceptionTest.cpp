@@ -106,10 +106,10 @@ TEST(Backtrace, CapturesFromItsConstructorAndPrintsEveryFrame) {
     EXPECT_EQ(std::pair(deepCapture(500), deepCapture(5) < 100), std::pair(100u, true));
 }
 
-// The library whose _Unwind_RaiseException serves every throw: the first in
+// The library whose definition of symbol serves the process: the first in
 // the lookup order that defines it, passing over a sanitizer runtime, which
 // only interposes and forwards to the next definition.
-std::string unwinderLibrary() {
+std::string definingLibrary(const char* symbol) {
     std::vector<std::string> loaded;
     dl_iterate_phdr(
         [](dl_phdr_info* info, size_t, void* out) {
@@ -119,19 +119,20 @@ std::string unwinderLibrary() {
         &loaded);
     for (const std::string& name : loaded) {
         void* handle = name.empty() ? nullptr : ::dlopen(name.c_str(), RTLD_LAZY | RTLD_NOLOAD);
-        void* raise = handle ? ::dlsym(handle, "_Unwind_RaiseException") : nullptr;
+        void* address = handle ? ::dlsym(handle, symbol) : nullptr;
         Dl_info where;
-        if (raise && ::dladdr(raise, &where) && name == where.dli_fname &&
+        if (address && ::dladdr(address, &where) && name == where.dli_fname &&
             name.find("san.so") == std::string::npos)
             return name;
     }
     return "none";
 }
 
-// libunwind, linked for backtraces, carries an unwinder of its own that must
-// not take over the exceptions of the process.
+// libunwind, linked for backtraces, exports an unwinder and a backtrace() of
+// its own: neither may stand in for the system's.
 TEST(Exception, ThrowsUseTheToolchainUnwinder) {
-    EXPECT_THAT(unwinderLibrary(), HasSubstr("/libgcc_s.so"));
+    EXPECT_THAT(definingLibrary("_Unwind_RaiseException"), HasSubstr("/libgcc_s.so"));
+    EXPECT_THAT(definingLibrary("backtrace"), HasSubstr("/libc.so"));
 }
 
 TEST(TypeName, DemanglesAndFallsBackToTheRawName) {
