@@ -1,29 +1,16 @@
-#include <Kelvo/Kelvo.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include "TestSupport.h"
 
 #include <sys/time.h>
 
-#include <algorithm>
-#include <chrono>
-#include <cstdio>
-#include <map>
-#include <set>
-#include <thread>
-
-#include "TestSupport.h"
+using namespace KelvoTest;
 
 namespace {
 
 using namespace Kelvo;
 using Sarn::DebugControl;
-using testing::internal::CaptureStderr;
 using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStderr;
 using testing::internal::GetCapturedStdout;
 using Handles = std::vector<std::shared_ptr<Platform::DebugHandler>>;
-
-const bool assertsThrow = (throwOnAssertFailIs(true), true);
 
 Handles handles(std::initializer_list<const char*> names) {
     Handles out;
@@ -127,10 +114,10 @@ TEST(TraceRegistry, EnabledIsOnlyOnAHandleThatOwnsItsMask) {
     uint32_t external = 0;
     h->levelsPtr = &external;
     EXPECT_THAT(
-        KelvoTest::assertionText([&] { h->enabledIs(1, true); }),
+        KelvoTest::thrownMessage([&] { h->enabledIs(1, true); }),
         testing::HasSubstr("Cannot use this with a non-null levelsPtr passed to constructor"));
     h->levelsPtr = &h->levels;
-    EXPECT_THAT(KelvoTest::assertionText([] { Sarn::DebugHandler::initialize(); }),
+    EXPECT_THAT(KelvoTest::thrownMessage([] { Sarn::DebugHandler::initialize(); }),
                 testing::EndsWith(": DebugHandler::initialize() no loco"));
 }
 
@@ -296,7 +283,7 @@ TEST_F(TraceOutput, AssertionThroughAHandleTracesThenFails) {
          {static_cast<Platform::DebugHandler*>(nullptr), handle_.get()}) {
         Platform::DebugStream message;
         message << "broken " << 1;
-        EXPECT_EQ(KelvoTest::assertionText(
+        EXPECT_EQ(KelvoTest::thrownMessage(
                       [&] { debugAndThrowAssertException(h, 3, message, "f.cpp", "fn", 12); }),
                   "f.cpp:fn:12: broken 1");
     }

@@ -1,11 +1,5 @@
-#include <Kelvo/DirNodeCpp.h>
-#include <Kelvo/UtilCpp.h>
+#include "TestSupport.h"
 
-#include "OsTestSupport.h"
-
-#include <sys/stat.h>
-
-using ::testing::HasSubstr;
 using namespace KelvoTest;
 
 namespace {
@@ -78,8 +72,10 @@ TEST_F(DirNode, UnopenableDirectoriesLeaveTheNodeClosed) {
         const std::string trace =
             fmt::format("DirNode::openDir() failed to open {} errno: {}", where, error);
         for (unsigned enabled : {level, level - 1}) {
+            for (unsigned l = 0; l < 10; ++l)
+                h_.enabledIs(l, l == enabled);
             CaptureStderr();
-            EXPECT_FALSE(Kelvo::DirNode(*handleWithLevels({enabled}), where, nullptr).isOpen());
+            EXPECT_FALSE(Kelvo::DirNode(h_, where, nullptr).isOpen());
             EXPECT_EQ(GetCapturedStderr().find(trace) != std::string::npos, enabled == level)
                 << trace << " at level " << enabled;
         }

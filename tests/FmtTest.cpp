@@ -1,14 +1,10 @@
-#include <Kelvo/Kelvo.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "TestSupport.h"
+
+using namespace KelvoTest;
 
 namespace {
 
 using namespace Kelvo::Fmt::Impl;
-
-const bool assertsThrow = (Kelvo::throwOnAssertFailIs(true), true);
 
 // Each builder into a buffer that already holds text, then the string forms.
 std::vector<std::string> built(bool isMember, const char* func, const char* cls,
@@ -36,7 +32,7 @@ TEST(MessageBuilders, PrefixesAndLengthsAcrossTheInlineBufferBoundary) {
     }
     for (const auto& [func, cls] :
          {std::pair<const char*, const char*>{nullptr, "C"}, {"f", nullptr}})
-        EXPECT_THAT(KelvoTest::assertionText([&] { built(true, func, cls, "m"); }),
+        EXPECT_THAT(KelvoTest::thrownMessage([f = func, c = cls] { built(true, f, c, "m"); }),
                     testing::EndsWith(": funcName && className"));
 }
 

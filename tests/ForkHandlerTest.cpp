@@ -1,30 +1,9 @@
-#include <Kelvo/ForkHandlerCpp.h>
-#include <Kelvo/LibeventFactoryCpp.h>
+#include "TestSupport.h"
 
-#include "EventLoopTestUtil.h"
-
-#include <sys/wait.h>
-
-#include <cstdlib>
-#include <thread>
+using namespace KelvoTest;
 
 using namespace Kelvo;
 using namespace Kelvo::Platform;
-using namespace KelvoTest;
-
-namespace {
-
-// Runs child in a forked process and returns its exit code.
-int inChild(const std::function<int()>& child) {
-    const pid_t pid = ::fork();
-    if (pid == 0)
-        std::_Exit(child());
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-}  // namespace
 
 // A child is marked until it clears the mark, and a grandchild is marked
 // again. The child's loop, reinitialised, serves timers and descriptors, and
@@ -42,21 +21,22 @@ TEST(ForkHandler, ChildIsMarkedAndItsReinitialisedLoopDispatches) {
         return t.fired == 1 && watch.reads >= 1 ? 0 : 1;
     };
     ASSERT_FALSE(isForkedChild());
-    EXPECT_EQ(inChild([&] {
-                  if (!isForkedChild())
-                      return 4;
-                  forkedChildIs(false);
-                  if (isForkedChild() || inChild([] { return isForkedChild() ? 0 : 1; }) != 0)
-                      return 5;
-                  leForkReinit();
-                  const int rc = timerAndRead();
-                  watch.fd->delFd();  // from the child's own loop: the parent's stays armed
-                  return rc;
-              }),
-              0);
+    EXPECT_EQ(
+        runInChild([&] {
+            if (!isForkedChild())
+                return 4;
+            forkedChildIs(false);
+            if (isForkedChild() || !runInChild([] { return isForkedChild() ? 0 : 1; }).exitedOk())
+                return 5;
+            leForkReinit();
+            const int rc = timerAndRead();
+            watch.fd->delFd();  // from the child's own loop: the parent's stays armed
+            return rc;
+        }).text(),
+        "exit 0");
     EXPECT_FALSE(isForkedChild());
     EXPECT_EQ(timerAndRead(), 0);
     std::thread([] {
-        EXPECT_EQ(inChild([] { return leForkReinit(), leInitialized() ? 0 : 1; }), 0);
+        EXPECT_TRUE(runInChild([] { return leForkReinit(), leInitialized() ? 0 : 1; }).exitedOk());
     }).join();
 }

@@ -1,12 +1,6 @@
-#include <Kelvo/HashMixCpp.h>
+#include "TestSupport.h"
 
-#include <gtest/gtest.h>
-
-#include <array>
-#include <random>
-#include <string>
-#include <tuple>
-#include <vector>
+using namespace KelvoTest;
 
 using Kelvo::Impl::HashMix;
 using namespace std::string_literals;

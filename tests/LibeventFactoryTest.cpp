@@ -1,10 +1,4 @@
-#include <Kelvo/LibeventFactoryCpp.h>
-
-#include <Kelvo/ThreadCpp.h>
-#include <Kelvo/TimerWheelCpp.h>
-
-#include "EventLoopTestUtil.h"
-#include "OsTestSupport.h"
+#include "TestSupport.h"
 
 #include <fcntl.h>
 
@@ -14,10 +8,10 @@
 #include <tuple>
 #include <vector>
 
+using namespace KelvoTest;
+
 using namespace Kelvo;
 using namespace Kelvo::Platform;
-using namespace KelvoTest;
-using ::testing::HasSubstr;
 
 TEST(LibeventBase, SecondDifferentBaseIsRefusedSameBaseAccepted) {
     std::thread([] {
@@ -25,7 +19,7 @@ TEST(LibeventBase, SecondDifferentBaseIsRefusedSameBaseAccepted) {
         leInit();
         event_base *own = leBase(), *other = leCreateBase();
         leRegisterBase(own);
-        EXPECT_THAT(assertMessage([&] { leRegisterBase(other); }),
+        EXPECT_THAT(thrownMessage([&] { leRegisterBase(other); }),
                     HasSubstr("but a thread_local  base already exists: "));
         EXPECT_EQ(leBase(), own);
         event_base_free(other);
@@ -40,7 +34,7 @@ TEST(LibeventBase, FreeingUnderLiveControlsIsRefused) {
     std::thread([] {
         {
             Probe p;  // a timer, a callback and a descriptor control
-            EXPECT_THAT(assertMessage(leFree), HasSubstr("3 live controls"));
+            EXPECT_THAT(thrownMessage(leFree), HasSubstr("3 live controls"));
             EXPECT_TRUE(leInitialized());
         }
         leFree();
@@ -70,16 +64,11 @@ TEST(LibeventBase, ThreadsReleaseTheirLoopAtExit) {
 }
 
 TEST(LibeventBase, PrioritiesAndDiagnosticsAreTraced) {
-    std::string text;
-    for (int value : {0, 1, 2, 255}) {
-        const auto p = static_cast<EventPriority>(value);
-        text += fmt::format("[{}] {} {}\n", eventPriorityToString(p), p, isEventPriorityValid(p));
-    }
-    EXPECT_EQ(text,
-              "[eventPriorityStrictHigh] eventPriorityStrictHigh true\n"
-              "[eventPriorityDefault] eventPriorityDefault true\n"
-              "[] Invalid EventPriority=2 false\n"
-              "[] Invalid EventPriority=255 false\n");
+    const auto odd = static_cast<EventPriority>(2);
+    EXPECT_EQ(fmt::format("{} {} {} [{}]", eventPriorityStrictHigh, eventPriorityDefault, odd,
+                          eventPriorityToString(odd)),
+              "eventPriorityStrictHigh eventPriorityDefault Invalid EventPriority=2 []");
+    EXPECT_FALSE(isEventPriorityValid(odd));
     setTraceFormat("level");
     EXPECT_EQ(
         traced("KelvoLibevent/*",
@@ -90,9 +79,9 @@ TEST(LibeventBase, PrioritiesAndDiagnosticsAreTraced) {
         "9 libevent: note\n5 libevent: note\n1 libevent: note\n0 libevent: "
         "note\n");
     setTraceFormat("date,time,tid,handle,level");
-    EXPECT_THAT(assertMessage([] { le_debug_cb(4, "odd"); }),
+    EXPECT_THAT(thrownMessage([] { le_debug_cb(4, "odd"); }),
                 HasSubstr("invalid libevent severity:4 msg:odd"));
-    EXPECT_THAT(assertMessage([] { le_fatal_cb(3); }), HasSubstr("libevent fatal error:3"));
+    EXPECT_THAT(thrownMessage([] { le_fatal_cb(3); }), HasSubstr("libevent fatal error:3"));
 }
 
 // A new timeout replaces the pending one, inf cancels, a negative one is
@@ -241,9 +230,11 @@ TEST_F(FastForward, StepsToFirstTimerThenToTheEnd) {
     const double start = Kelvo::time(), offset = leVirtualTimeOffset();
     t.start(10);
     eventLoopFastForwardToFirstTimer(100);
+    // Less the real time that passed before the jump (much of it under valgrind).
+    const double jump = leVirtualTimeOffset() - offset, real = Kelvo::time() - start - jump;
     EXPECT_EQ(std::tuple(t.fired, t.early), std::tuple(1, 0));
-    EXPECT_NEAR(leVirtualTimeOffset() - offset, 10.0001, 0.01);
-    EXPECT_LE(leVirtualTimeOffset() - offset, 10.0001 + 1e-6);
+    EXPECT_LE(jump, 10.0001 + 1e-6);
+    EXPECT_GE(jump, 10.0001 - real - 1e-6);
     t.timer->setTimeout(10);
     doEventLoop(60);
     EXPECT_EQ(t.fired, 2);
@@ -293,7 +284,7 @@ TEST_F(FastForward, SwitchNotifiesOnChangeOnlyAndOnlyOnMainThread) {
     setFastForward(false);
     EXPECT_EQ(notified, 1);
     std::thread([] {
-        EXPECT_THAT(assertMessage([] { setFastForward(false); }),
+        EXPECT_THAT(thrownMessage([] { setFastForward(false); }),
                     HasSubstr("FastForward invoked from non-main thread"));
         leFree();
     }).join();
@@ -303,7 +294,7 @@ TEST_F(FastForward, SwitchNotifiesOnChangeOnlyAndOnlyOnMainThread) {
         {[&] { fastForwardDelayToFirstTimer(&delay); }, "Called without fast forward enabled"},
         {[] { eventLoopFastForwardToFirstTimer(1); }, "Called without fastForward enabled"}};
     for (const auto& [misuse, message] : misuses)
-        EXPECT_THAT(assertMessage(misuse), HasSubstr(message));
+        EXPECT_THAT(thrownMessage(misuse), HasSubstr(message));
     setFastForward(true);
     EXPECT_EQ(notified, 2);
     const double before = Kelvo::time();
@@ -349,7 +340,7 @@ TEST_F(FastForward, VirtualTimeOnlyGrowsAndStaysNormalised) {
         EXPECT_EQ(grown, seconds > 0 ? 750000 : 0) << seconds;
         EXPECT_TRUE(after.tv_usec >= 0 && after.tv_usec < 1000000) << after.tv_usec;
     }
-    EXPECT_THAT(assertMessage([] { fastForwardBy(inf); }), HasSubstr("fastForwardBy(inf)"));
+    EXPECT_THAT(thrownMessage([] { fastForwardBy(inf); }), HasSubstr("fastForwardBy(inf)"));
 }
 
 // The main thread flips the switch while another thread's loop reads it; a

@@ -1,9 +1,6 @@
-#include <Kelvo/DisplayPointerCpp.h>
-#include <Kelvo/PlatformCpp.h>
+#include "TestSupport.h"
 
-#include <gtest/gtest.h>
-
-#include <cstdint>
+using namespace KelvoTest;
 
 using namespace Kelvo;
 using namespace Kelvo::Platform;

@@ -1,18 +1,11 @@
 // The registry is process-wide and never forgets, so every case that loads
 // or registers something runs in a child of its own.
-#include <Kelvo/PluginCpp.h>
-
-#include "OsTestSupport.h"
+#include "TestSupport.h"
 
 #include <dlfcn.h>
 
-#include <cstring>
-
-using ::testing::AllOf;
-using ::testing::ContainsRegex;
-using ::testing::EndsWith;
-using ::testing::HasSubstr;
 using namespace KelvoTest;
+
 namespace Platform = Kelvo::Platform;
 
 namespace {
@@ -25,21 +18,22 @@ TEST_F(Plugin, RegistryLoadsEachPluginOnceAndRefusesWrongOrTakenNames) {
     struct Twice : Platform::Plugin {
         const char* name() const override { return "KelvoTestTwice"; }
     };
-    const std::string result = runInChild([] {
-        Platform::setupKelvoDebug("KelvoPlugin/0123");
-        childCheck(Platform::loadPlugin("KelvoTestAbsent") == nullptr);
-        Platform::Plugin* good = Platform::loadPlugin("KelvoTestGood");
-        childCheck(good != nullptr && std::strcmp(good->name(), "KelvoTestGood") == 0);
-        childCheck(Platform::loadPlugin("KelvoTestGood") == good);
-        static Twice first, second;
-        Platform::registerPlugin(&first);
-        for (void (*misuse)() : {+[] { Platform::loadPlugin("KelvoTestMisnamed"); },
-                                 +[] { Platform::registerPlugin(&second); }}) {
-            std::puts(thrownMessage<Kelvo::AssertException>(misuse).c_str());
-        }
-        childCheck(Platform::loadPlugin("KelvoTestTwice") == &first);
-        return 0;
-    });
+    const std::string result =
+        runInChild([] {
+            Platform::setupKelvoDebug("KelvoPlugin/0123");
+            childCheck(Platform::loadPlugin("KelvoTestAbsent") == nullptr);
+            Platform::Plugin* good = Platform::loadPlugin("KelvoTestGood");
+            childCheck(good != nullptr && std::strcmp(good->name(), "KelvoTestGood") == 0);
+            childCheck(Platform::loadPlugin("KelvoTestGood") == good);
+            static Twice first, second;
+            Platform::registerPlugin(&first);
+            for (void (*misuse)() : {+[] { Platform::loadPlugin("KelvoTestMisnamed"); },
+                                     +[] { Platform::registerPlugin(&second); }}) {
+                std::puts(thrownMessage(misuse).c_str());
+            }
+            childCheck(Platform::loadPlugin("KelvoTestTwice") == &first);
+            return 0;
+        }).text();
     for (const char* once : {"KelvoPlugin 0 Failed to load plugin libKelvoTestAbsent.so: "
                              "libKelvoTestAbsent.so: cannot open shared object file",
                              "KelvoPlugin 2 adding plugin KelvoTestGood",
@@ -78,17 +72,18 @@ TEST_F(Plugin, CountersForwardToThePluginOrHandBackTheFallback) {
                   childCheck(unnamed.counter("owned", &fallback) == owned);
                   childCheck(counters.counter("other", &fallback) == &fallback);
                   return 0;
-              }),
+              }).text(),
               "exit 0");
 }
 
 TEST_F(Plugin, CheckIncompatAbortsOnlyWhenAnotherPlatformLibraryWasBoundFirst) {
     const auto run = [](const std::string& program) {
         return runInChild([&] {
-            ::execl(program.c_str(), program.c_str(), nullptr);
-            std::perror("execl");
-            return 127;
-        });
+                   ::execl(program.c_str(), program.c_str(), nullptr);
+                   std::perror("execl");
+                   return 127;
+               })
+            .text();
     };
     EXPECT_EQ(run(pluginDir + "/kelvo_incompat_ok"), "checkIncompat passed\nexit 0");
     EXPECT_THAT(run(pluginDir + "/kelvo_incompat_wrong"),

@@ -1,13 +1,6 @@
-#include <Kelvo/RandomCpp.h>
+#include "TestSupport.h"
 
-#include <gtest/gtest.h>
-
-#include <cstdio>
-#include <cstdlib>
-#include <map>
-#include <random>
-#include <string>
-#include <unistd.h>
+using namespace KelvoTest;
 
 using Kelvo::Random;
 

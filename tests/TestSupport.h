@@ -1,34 +1,68 @@
-// Helpers shared by the foundation suites: the text of a failed assertion, and
-// the probe program run in a child with its own environment, for behaviour that
-// happens at library load or ends the process.
+// The toolkit every suite starts from. Assertions throw in every test program,
+// so that their messages can be checked; a case that needs the aborting form
+// switches back inside its child process.
 #pragma once
 
 #include <Kelvo/Kelvo.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/syscall.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <limits>
+#include <map>
+#include <memory>
+#include <optional>
+#include <random>
+#include <set>
 #include <sstream>
+#include <stdexcept>
 #include <string>
+#include <thread>
+#include <tuple>
+#include <unordered_map>
 #include <vector>
 
 namespace KelvoTest {
 
-// The message of the assertion that body fails (assertions must throw).
-template <typename F>
-std::string assertionText(F body) {
+using ::testing::AllOf;
+using ::testing::ContainsRegex;
+using ::testing::ElementsAre;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::MatchesRegex;
+using ::testing::Not;
+using ::testing::StartsWith;
+using ::testing::internal::CaptureStderr;
+using ::testing::internal::GetCapturedStderr;
+
+constexpr double inf = std::numeric_limits<double>::infinity();
+
+inline const bool assertionsThrow = (Kelvo::throwOnAssertFailIs(true), true);
+
+// The message of the E that call throws, or a text saying there was none.
+template <typename E = Kelvo::AssertException>
+std::string thrownMessage(const std::function<void()>& call) {
     try {
-        body();
-    } catch (const Kelvo::AssertException& e) {
+        call();
+    } catch (const E& e) {
         return e.message();
     }
-    return "no assertion";
+    return "nothing thrown";
 }
 
 inline std::string readFile(const std::string& path) {
@@ -37,49 +71,184 @@ inline std::string readFile(const std::string& path) {
     return text.str();
 }
 
+// The trace lines written to standard error while f runs with the given TRACE.
+inline std::string traced(const char* traceText, const std::function<void()>& f) {
+    Kelvo::Platform::setupKelvoDebug(traceText);
+    CaptureStderr();
+    f();
+    std::string text = GetCapturedStderr();
+    Kelvo::Platform::clearKelvoDebug(traceText);
+    return text;
+}
+
+// The listing's own descriptor takes the lowest free number, so equal tables
+// list equal sets.
+inline std::set<int> openFds() {
+    std::set<int> fds;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
+        fds.insert(std::stoi(entry.path().filename()));
+    return fds;
+}
+
 struct ChildResult {
     int status = -1;  // as from waitpid
     std::string out, err;
     bool aborted() const { return WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT; }
     bool exitedOk() const { return WIFEXITED(status) && WEXITSTATUS(status) == 0; }
+    // Output, then how the child ended: "exit N" or "signal N".
+    std::string text() const {
+        return out + err +
+               (WIFEXITED(status) ? "exit " + std::to_string(WEXITSTATUS(status))
+                                  : "signal " + std::to_string(WTERMSIG(status)));
+    }
 };
 
-// Runs the probe with args and exactly env (nothing inherited); a child still
-// running after 60 s is killed.
-inline ChildResult runProbe(std::vector<std::string> args, const std::vector<std::string>& env) {
-    char dir[] = "/tmp/kelvo-probe-XXXXXX";
-    const std::filesystem::path base = ::mkdtemp(dir);
-    args.insert(args.begin(), std::filesystem::read_symlink("/proc/self/exe").parent_path() /
-                                  "probe/kelvo_probe");
-    std::vector<char*> argv, envp;
-    for (auto& a : args)
-        argv.push_back(a.data());
-    for (const auto& e : env)
-        envp.push_back(const_cast<char*>(e.c_str()));
-    argv.push_back(nullptr);
-    envp.push_back(nullptr);
-    posix_spawn_file_actions_t redirect;
-    posix_spawn_file_actions_init(&redirect);
-    posix_spawn_file_actions_addopen(&redirect, 1, (base / "out").c_str(), O_WRONLY | O_CREAT,
-                                     0600);
-    posix_spawn_file_actions_addopen(&redirect, 2, (base / "err").c_str(), O_WRONLY | O_CREAT,
-                                     0600);
+// Exit code of a child that cannot run its case on this machine.
+constexpr int childSkipped = 77;
+
+// Runs body in a forked child whose result is the exit code; an exception
+// from body is printed and exits 1. Standard output and error land in out, or
+// in out and err apart. A child still running after a minute dies of
+// SIGALRM, which also bounds a program it executes.
+inline ChildResult runInChild(const std::function<int()>& body, bool apart = false) {
+    char scratch[] = "/tmp/kelvo-child-XXXXXX";
+    const std::filesystem::path dir = ::mkdtemp(scratch);
+    const std::string out = dir / "out", err = apart ? (dir / "err").string() : out;
+    std::fflush(nullptr);
     ChildResult result;
-    pid_t pid = -1;
-    if (::posix_spawn(&pid, argv[0], &redirect, nullptr, argv.data(), envp.data()) == 0) {
-        // The pidfd becomes readable when the child exits.
-        const int pidfd = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
-        struct pollfd exited = {pidfd, POLLIN, 0};
-        if (pidfd >= 0 && ::poll(&exited, 1, 60000) != 1)
-            ::kill(pid, SIGKILL);
-        ::waitpid(pid, &result.status, 0);
-        ::close(pidfd);
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::alarm(60);
+        ::dup2(::open(out.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), STDOUT_FILENO);
+        ::dup2(::open(err.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), STDERR_FILENO);
+        int code = 1;
+        try {
+            code = body();
+        } catch (const std::exception& e) {
+            std::fprintf(stderr, "child: %s\n", e.what());
+        }
+        std::fflush(nullptr);
+        ::_exit(code);
     }
-    posix_spawn_file_actions_destroy(&redirect);
-    result.out = readFile(base / "out");
-    result.err = readFile(base / "err");
-    std::filesystem::remove_all(base);
+    ::waitpid(pid, &result.status, 0);
+    result.out = readFile(out);
+    result.err = apart ? readFile(err) : "";
+    std::filesystem::remove_all(dir);
     return result;
 }
+
+// Runs the probe program with args and exactly env (nothing inherited), for
+// behaviour that happens at library load or ends the process.
+inline ChildResult runProbe(std::vector<std::string> args, const std::vector<std::string>& env) {
+    args.insert(args.begin(), std::filesystem::read_symlink("/proc/self/exe").parent_path() /
+                                  "probe/kelvo_probe");
+    return runInChild(
+        [&] {
+            std::vector<char*> argv, envp;
+            for (auto& a : args)
+                argv.push_back(a.data());
+            for (const auto& e : env)
+                envp.push_back(const_cast<char*>(e.c_str()));
+            argv.push_back(nullptr);
+            envp.push_back(nullptr);
+            ::execve(argv[0], argv.data(), envp.data());
+            std::perror("execve");
+            return 127;
+        },
+        true);
+}
+
+// Inside a child: a failed check ends the body with exit code 1.
+inline void childCheck(bool ok, int line = __builtin_LINE()) {
+    if (!ok)
+        throw std::runtime_error("check failed on line " + std::to_string(line));
+}
+
+// A case with a scratch directory and a handle tracing levels 0, 1, 2 and 5.
+// It must leave the descriptor table as it found it.
+class OsTest : public ::testing::Test {
+  protected:
+    OsTest() {
+        std::string pattern = std::filesystem::temp_directory_path() / "kelvo-test-XXXXXX";
+        dir_ = ::mkdtemp(pattern.data()) ? pattern : "/nonexistent-scratch";
+        for (unsigned level = 0; level < 10; ++level)
+            h_.enabledIs(level, level <= 2 || level == 5);
+    }
+    ~OsTest() override {
+        std::error_code ignored;
+        std::filesystem::remove_all(dir_, ignored);
+    }
+    void SetUp() override {
+        // The unwinder behind every exception may open descriptors on first
+        // use and keep them: use it before the first snapshot.
+        static const bool unwinderReady = Kelvo::Backtrace(true).count() > 0;
+        (void)unwinderReady;
+        fdsBefore_ = openFds();
+    }
+    void TearDown() override { EXPECT_EQ(openFds(), fdsBefore_) << "descriptors leaked"; }
+    std::string path(const std::string& name) const { return dir_ + "/" + name; }
+
+    std::string dir_;
+    std::shared_ptr<Kelvo::Platform::DebugHandler> handle_ =
+        Kelvo::Platform::getDebugHandler("OsTest");
+    Kelvo::Platform::DebugHandler& h_ = *handle_;
+
+  private:
+    std::set<int> fdsBefore_;
+};
+
+// Tests that run with virtual time on (they run on the main thread).
+class FastForward : public ::testing::Test {
+  protected:
+    void SetUp() override { Kelvo::Platform::setFastForward(true); }
+    void TearDown() override { Kelvo::Platform::setFastForward(false); }
+};
+
+// Handler of all three kinds, counting its notifications and the timeouts
+// that came before the time start() asked for; when told to, it throws from
+// each and claims (or not) the exception in its hook. Its timer runs on the
+// given wheel, else directly on the loop.
+struct Probe : Kelvo::Platform::TimeoutHandler,
+               Kelvo::Platform::CallbackHandler,
+               Kelvo::Platform::FdEventHandler {
+    std::shared_ptr<Kelvo::Platform::TimerControl> timer;
+    std::shared_ptr<Kelvo::Platform::CallbackControl> call =
+        Kelvo::Platform::getCallbackControl(this);
+    std::shared_ptr<Kelvo::Platform::FdControl> fd = Kelvo::Platform::getFdControl(this);
+    std::function<void()> onTimeout;
+    double due = -inf;
+    int fired = 0, early = 0, calls = 0, reads = 0, writes = 0;
+    bool throws = false, claims = false;
+    explicit Probe(std::shared_ptr<Kelvo::TimerWheel> wheel = nullptr)
+        : timer(wheel ? Kelvo::Platform::getTimerControl(this, wheel)
+                      : Kelvo::Platform::getTimerControl(this)) {}
+    ~Probe() override { timer->delTimeout(); }  // a running wheel timer may not be destroyed
+    void start(double seconds) {
+        due = Kelvo::time() + seconds;
+        timer->setTimeout(seconds);
+    }
+    void check() {
+        if (throws)
+            throw std::runtime_error("handler failed");
+    }
+    void timeout() override {
+        ++fired, early += Kelvo::time() < due;
+        if (onTimeout)
+            onTimeout();
+        check();
+    }
+    void callback() override { ++calls, check(); }
+    void readFdEvent(int) override { ++reads, check(); }
+    void writeFdEvent(int) override { ++writes; }
+    bool handleTimeoutException() override { return claims; }
+    bool handleCallbackException() override { return claims; }
+    bool handleFdException(int) override { return claims; }
+};
+
+struct Pipe {
+    int fds[2];
+    Pipe() { EXPECT_EQ(::pipe(fds), 0); }
+    ~Pipe() { ::close(fds[0]), ::close(fds[1]); }
+};
 
 }  // namespace KelvoTest

@@ -1,21 +1,10 @@
-#include <Kelvo/Kelvo.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include "TestSupport.h"
 #include <pthread.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <string>
-#include <thread>
-
-#include "TestSupport.h"
+using namespace KelvoTest;
 
 namespace {
-
-using KelvoTest::assertionText;
-
-const bool assertsThrow = (Kelvo::throwOnAssertFailIs(true), true);
 
 // (cached id, kernel id, main?) of the calling thread.
 std::tuple<pid_t, pid_t, bool> ids() {
@@ -37,12 +26,9 @@ TEST(Thread, IdsAreTheKernelsAndOnlyThePidsThreadIsMain) {
         const auto [cached, kernel, main] = ids();
         EXPECT_EQ(std::pair(cached, main), std::pair(kernel, false));
     }).join();
-    const pid_t child = ::fork();
-    if (child == 0)
-        ::_exit(ids() == std::tuple(::getpid(), ::getpid(), true) ? 0 : 1);
-    int status = -1;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(KelvoTest::runInChild([] {
+                    return ids() == std::tuple(::getpid(), ::getpid(), true) ? 0 : 1;
+                }).exitedOk());
 }
 
 TEST(Thread, OnlyAWorkerIsRenamedAndOnlyWithinTheKernelLimit) {
@@ -52,7 +38,7 @@ TEST(Thread, OnlyAWorkerIsRenamedAndOnlyWithinTheKernelLimit) {
     std::thread([] {
         Kelvo::threadNameIs("exactly15chars!");
         EXPECT_THAT(
-            assertionText([] { Kelvo::threadNameIs("twenty-characters-xx"); }),
+            thrownMessage([] { Kelvo::threadNameIs("twenty-characters-xx"); }),
             testing::HasSubstr("pthread_setname_np() failed:34 for name:twenty-characters-xx"));
         EXPECT_EQ(names(),
                   std::pair(std::string("exactly15chars!"), std::string("exactly15chars!")));
@@ -68,7 +54,7 @@ TEST(Thread, SingletonChoiceIsPerThreadAndLockedByFirstUse) {
     }).join();
     std::thread([] {
         EXPECT_FALSE(Kelvo::hasThreadLocalSingletons());
-        EXPECT_THAT(assertionText([] { Kelvo::useThreadLocalSingletons(); }),
+        EXPECT_THAT(thrownMessage([] { Kelvo::useThreadLocalSingletons(); }),
                     testing::EndsWith("Attempt to change threadLocalSingletons after a global "
                                       "singleton has already been created. Please call "
                                       "useThreadLocalSingletons() immediately after spawning "

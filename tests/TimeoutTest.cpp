@@ -1,11 +1,6 @@
-#include <Kelvo/ExceptionCpp.h>
-#include <Kelvo/Timeout.h>
+#include "TestSupport.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <random>
-#include <vector>
+using namespace KelvoTest;
 
 namespace {
 
@@ -126,13 +121,11 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& info) { return info.param.name; });
 
 TEST(Timeout, EntryOfAnotherWheelIsRefused) {
-    Kelvo::throwOnAssertFailIs(true);
     timeouts *a = timeouts_open(100, nullptr), *b = timeouts_open(100, nullptr);
     timeout to;
     timeouts_add(a, timeout_init(&to, 0), 10);
     EXPECT_THROW(timeouts_del(b, &to), Kelvo::AssertException);
     EXPECT_TRUE(timeouts_pending(a));
-    Kelvo::throwOnAssertFailIs(false);
     timeouts_close(a);
     timeouts_close(b);
 }

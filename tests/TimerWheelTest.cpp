@@ -1,18 +1,14 @@
-#include <Kelvo/LibeventFactoryCpp.h>
-#include <Kelvo/ThreadCpp.h>
-#include <Kelvo/TimerWheelCpp.h>
-
-#include "EventLoopTestUtil.h"
+#include "TestSupport.h"
 
 #include <cmath>
 #include <random>
 #include <thread>
 #include <tuple>
 
+using namespace KelvoTest;
+
 using namespace Kelvo;
 using namespace Kelvo::Platform;
-using namespace KelvoTest;
-using ::testing::HasSubstr;
 
 namespace {
 
@@ -26,22 +22,16 @@ TEST(TimerWheelEvent, StateBitsAndLegalTransitions) {
     struct : TimerWheelEvent {
         void timeout() override {}
     } e;
-    std::string names;
-    for (int state : {0, 1, 2, 7})
-        names += timerWheelStateToString(static_cast<TimerWheelState>(state)) + std::string(" ");
-    EXPECT_EQ(names, "notLinked inTimerWheel inTimersExpiryingSoon unknownState ");
-    EXPECT_EQ(e.timeoutLink.flags, TIMEOUT_ABS | 4);
     e.stateIs(TimerWheelState::inTimerWheel);
-    EXPECT_EQ(e.timeoutLink.flags, TIMEOUT_ABS | 8);
-    EXPECT_THAT(assertMessage([&] { e.stateIs(TimerWheelState::inTimersExpiryingSoon); }),
+    EXPECT_THAT(thrownMessage([&] { e.stateIs(TimerWheelState::inTimersExpiryingSoon); }),
                 HasSubstr("State change inTimerWheel -> inTimersExpiryingSoon must go via "
                           "notLinked"));
     e.stateIs(TimerWheelState::notLinked);
-    EXPECT_THAT(assertMessage([&] { e.stateIs(static_cast<TimerWheelState>(3)); }),
+    EXPECT_THAT(thrownMessage([&] { e.stateIs(static_cast<TimerWheelState>(3)); }),
                 HasSubstr("invalid state 3"));
     for (int bits : {4 | 16, 0}) {
         e.timeoutLink.flags = TIMEOUT_ABS | bits;
-        EXPECT_THAT(assertMessage([&] { e.state(); }),
+        EXPECT_THAT(thrownMessage([&] { e.state(); }),
                     HasSubstr(fmt::format("None or multiple of our flags set {}", bits)));
     }
     e.timeoutLink.flags = TIMEOUT_ABS | 4;

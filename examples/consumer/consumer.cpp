@@ -2,6 +2,8 @@
 // a daemon relies on does not work.
 #include <Kelvo/Kelvo.h>
 
+#include <dlfcn.h>
+
 #include <cstdio>
 #include <cstring>
 
@@ -27,6 +29,13 @@ int main() {
         expect(std::strncmp(e.what(), "Kelvo::OutOfRangeException(\"x\")\n", 32) == 0,
                "exception text");
     }
+
+    // libunwind, which the library links for backtraces, has an unwinder of
+    // its own; throws must go through the toolchain's.
+    Dl_info unwinder;
+    void* raise = dlsym(RTLD_DEFAULT, "_Unwind_RaiseException");
+    expect(raise && dladdr(raise, &unwinder) && std::strstr(unwinder.dli_fname, "/libgcc_s.so"),
+           "exceptions unwound by libgcc_s");
 
     Kelvo::throwOnAssertFailIs(true);
     try {
