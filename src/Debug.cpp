@@ -209,6 +209,12 @@ void DebugControl::set(const String& nameSpec, const String& levelsSpec) {
     bool wildcard = false;
     const String name = parseName(nameSpec, wildcard);
     const uint32_t add = parseLevels(levelsSpec);
+    // An item that names no levels changes nothing: in particular it makes no
+    // control that later wildcard items would reach, so a new handle of that
+    // name still takes the levels of its smallest matching prefix.
+    if (add == 0) {
+        return;
+    }
     LocoGuard guard;
     initialize();
     DebugHandler::initialize();
@@ -227,10 +233,6 @@ void DebugControl::set(const String& nameSpec, const String& levelsSpec) {
         uint32_t mask = add;
         if (DebugControl* inherited = findWildcard(name)) {
             mask |= inherited->levels;
-        }
-        // An empty control would change nothing: keep the registry free of them.
-        if (mask == 0) {
-            return;
         }
         control = new DebugControl(name, static_cast<int>(mask), wildcard);
     }
@@ -364,7 +366,12 @@ void selectTraceFile() {
         traceFd_ = -1;
     }
     traceFileName().clear();
-    const int fd = ::open(wanted, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    // Opening must not block: a FIFO without a reader (ENXIO) is as unopenable
+    // as a missing directory. Lines are then written in blocking mode, whole.
+    const int fd = ::open(wanted, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK, 0666);
+    if (fd >= 0) {
+        ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+    }
     if (fd < 0) {
         std::cerr << "Error opening TRACEFILE=" << wanted << "\n"
                   << "Defaulting to std::cerr for trace output.\n";
