@@ -39,7 +39,7 @@ Handles handles(std::initializer_list<const char*> names) {
 std::string masksOf(const Handles& handles) {
     std::string out;
     for (const auto& h : handles)
-        out += fmt::format("{}={:x} ", h->name, h->levels);
+        out += fmt::format("{}={:x} ", h->name, h->levels.load());
     return out;
 }
 
@@ -76,7 +76,7 @@ TEST(TraceGrammar, MalformedTraceValues) {
     for (const auto& [traceText, expected] : cases) {
         Platform::setupKelvoDebug(traceText.c_str());
         for (const auto& [name, mask] : expected)
-            EXPECT_EQ(Platform::getDebugHandler(name)->levels, mask) << traceText;
+            EXPECT_EQ(Platform::getDebugHandler(name)->levels.load(), mask) << traceText;
     }
 }
 
@@ -130,7 +130,7 @@ TEST(TraceRegistry, EnabledIsOnlyOnAHandleThatOwnsItsMask) {
     EXPECT_EQ((std::vector<uint32_t>{h->enabledIs(3, true), h->enabledIs(35, true),
                                      h->enabledIs(34, true), h->enabledIs(3, false)}),
               (std::vector<uint32_t>{0x8, 0x8, 0xc, 0x4}));
-    uint32_t external = 0;
+    std::atomic<uint32_t> external = 0;
     h->levelsPtr = &external;
     EXPECT_THAT(
         KelvoTest::assertionText([&] { h->enabledIs(1, true); }),
@@ -307,6 +307,37 @@ TEST_F(TraceOutput, AssertionThroughAHandleTracesThenFails) {
                   "f.cpp:fn:12: broken 1");
     }
     EXPECT_EQ(lines(), std::vector<std::string>{"f.cpp:fn:12: broken 1"});
+}
+
+// Levels and fields change while other threads trace: each line is still whole
+// and shows a field set that some setting had (ThreadSanitizer checks the
+// unlocked reads of mask and switches).
+TEST_F(TraceOutput, SettingsChangeWhileOtherThreadsTrace) {
+    Platform::setTraceFormat("");
+    std::atomic<bool> stop = false;
+    std::vector<std::thread> workers;
+    for (int t = 0; t < 3; ++t) {
+        workers.emplace_back([&] {
+            while (!stop.load(std::memory_order_relaxed)) {
+                KELVO_TRACE(handle_, 3, "steady");
+                KELVO_TRACE(handle_, 4, "toggled");
+            }
+        });
+    }
+    for (int i = 0; i < 1000; ++i) {
+        Platform::setupKelvoDebug("OutH/4");
+        Platform::setTraceFormat(i % 2 ? "level" : "");
+        Platform::clearKelvoDebug("OutH/4");
+        handle_->enabledIs(4, i % 3 == 0);
+    }
+    stop = true;
+    for (auto& w : workers)
+        w.join();
+    const std::regex whole("(3 )?steady|(4 )?toggled");
+    int bad = 0;
+    for (const auto& l : lines())
+        bad += !std::regex_match(l, whole);
+    EXPECT_EQ(bad, 0);
 }
 
 // Eight threads share one TRACEFILE: every line arrives whole, exactly once.
