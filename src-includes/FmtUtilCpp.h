@@ -1,7 +1,7 @@
 // Message formatting for trace lines, exceptions and assertions. Messages are
 // fmt format strings with "{}" placeholders, built into a buffer with 500
 // bytes of inline storage so that ordinary messages never touch the heap.
-// Any thread; nothing here takes a lock.
+// Any thread; only writing a trace line takes the global lock.
 #pragma once
 
 #include <cstdint>
