@@ -2,12 +2,19 @@
 //
 // A handle carries a ten-level mask (bit n for level n). Masks are set
 // centrally from TRACE and from set/clear calls, by exact name or by name
-// prefix, and propagate to the live handles. Testing a level is a plain read of
-// the mask and takes no lock; every registry operation runs under the global
-// lock. Handles are shared: they are owned by the shared pointers handed out by
-// getDebugHandler. Any thread may trace and use the registry.
+// prefix, and propagate to the live handles. Handles are shared: they are owned
+// by the shared pointers handed out by getDebugHandler. Any thread may trace
+// and use the registry.
+//
+// Shared across threads: the registry (handlerMap_, both control maps and the
+// controls' masks) is guarded by the global lock. A handle's mask and the eight
+// trace-format switches are written under that lock (enabledIs without it) and
+// read by every trace without it, so they are relaxed atomics: testing a level
+// is one relaxed load and one bit test, and a change may reach another thread's
+// next line late, or a line only partly. Names are fixed at construction.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -31,8 +38,9 @@ class KELVO_EXPORT DebugHandler : public std::enable_shared_from_this<DebugHandl
 
     // A handle that owns its mask.
     DebugHandler(const String& name, uint32_t levels, bool fixedLevels);
-    // A handle that reads its mask from storage owned elsewhere.
-    DebugHandler(const String& name, uint32_t* levelsPtr, bool fixedLevels);
+    // A handle that reads its mask from storage owned elsewhere; no factory
+    // makes one, but the layout of a handle allows for it.
+    DebugHandler(const String& name, std::atomic<uint32_t>* levelsPtr, bool fixedLevels);
     virtual ~DebugHandler();
     DebugHandler(const DebugHandler&) = delete;
     DebugHandler& operator=(const DebugHandler&) = delete;
@@ -43,11 +51,13 @@ class KELVO_EXPORT DebugHandler : public std::enable_shared_from_this<DebugHandl
     virtual void dump(DebugStream& stream, unsigned level, const char* file, int line,
                       const char* func) const = 0;
 
-    bool enabled(unsigned level) const noexcept { return (*levelsPtr >> level) & 1u; }
+    bool enabled(unsigned level) const noexcept {
+        return (levelsPtr->load(std::memory_order_relaxed) >> level) & 1u;
+    }
 
-    uint32_t levels;
+    std::atomic<uint32_t> levels;
     // The mask actually tested: &levels unless constructed with external storage.
-    uint32_t* levelsPtr;
+    std::atomic<uint32_t>* levelsPtr;
     String name;
     // The registry never changes the mask of a handle with fixed levels.
     bool fixedLevels;
@@ -112,21 +122,22 @@ class KELVO_EXPORT DebugControl {
     String displayString() const;
 
     String name;
+    // Guarded by the global lock, like the maps.
     uint32_t levels;
     bool wildcard;
 
     static SpecificMap* debugsMap_;
     static WildcardMap* wildCardDebugsMap_;
 
-    // Trace line fields, in output order.
-    static bool showDate_;
-    static bool showTime_;
-    static bool showPid_;
-    static bool showTid_;
-    static bool showHandleName_;
-    static bool showLevel_;
-    static bool showLineInfo_;
-    static bool showFuncName_;
+    // Trace line fields, in output order; relaxed atomics (see the top).
+    static std::atomic<bool> showDate_;
+    static std::atomic<bool> showTime_;
+    static std::atomic<bool> showPid_;
+    static std::atomic<bool> showTid_;
+    static std::atomic<bool> showHandleName_;
+    static std::atomic<bool> showLevel_;
+    static std::atomic<bool> showLineInfo_;
+    static std::atomic<bool> showFuncName_;
 };
 
 }  // namespace Sarn
@@ -161,6 +172,8 @@ namespace Platform {
 
 // A new handle named name; never shared by name.
 KELVO_EXPORT std::shared_ptr<DebugHandler> getDebugHandler(const String& name) noexcept;
+// Deletes handle under the global lock; for handles not held by shared pointers,
+// which only code outside the library makes.
 KELVO_EXPORT void destroyDebugHandler(DebugHandler* handle);
 // Applies a TRACE text ("name/levels,prefix*/levels,..."); null reads TRACE.
 // Also (re)selects the trace file from TRACEFILE.

@@ -63,6 +63,8 @@ class KELVO_EXPORT AssertException : public Exception {
 };
 
 // Process-wide switch, false at load: assertions throw instead of terminating.
+// Any thread may set it and any failing assertion reads it, without a lock (a
+// relaxed atomic: it guards no other data).
 KELVO_EXPORT void throwOnAssertFailIs(bool throwOnAssertFail);
 KELVO_EXPORT bool throwOnAssertFail();
 

@@ -3,8 +3,8 @@
 // Trace:   KELVO_TRACE(handle, level, "format {}", args...)   in free functions
 //          KELVO_TRACEM(handle, level, "format {}", args...)  in member functions
 // The handle is a Platform::DebugHandler (reference, pointer or shared
-// pointer) or a Debuggable. When the level is off the macro costs one mask
-// load and one bit test and evaluates none of its arguments.
+// pointer) or a Debuggable. When the level is off the macro costs one relaxed
+// load of the mask and one bit test, and evaluates none of its arguments.
 //
 // Assert:  KELVO_ASSERT(cond [, "format {}", args...])  / KELVO_ASSERTM(...)
 //          KELVO_ASSERT_FAIL("format {}", args...)       / KELVO_ASSERT_FAILM(...)
@@ -41,7 +41,7 @@ inline const Platform::DebugHandler* traceHandle(const Debuggable& d) noexcept {
 }
 
 inline bool traceEnabled(const Platform::DebugHandler* h, unsigned level) noexcept {
-    return h && ((*h->levelsPtr >> level) & 1u);
+    return h && ((h->levelsPtr->load(std::memory_order_relaxed) >> level) & 1u);
 }
 
 // Copies the class of the member function named func out of the compiler's

@@ -4,6 +4,8 @@
 #include <Kelvo/LockingCpp.h>
 #include <Kelvo/ThreadCpp.h>
 
+#include "TraceLine.h"
+
 #include <fcntl.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -28,7 +30,7 @@ namespace Platform {
 DebugHandler::DebugHandler(const String& name, uint32_t levels, bool fixedLevels)
     : levels(levels), levelsPtr(&this->levels), name(name), fixedLevels(fixedLevels) {}
 
-DebugHandler::DebugHandler(const String& name, uint32_t* levelsPtr, bool fixedLevels)
+DebugHandler::DebugHandler(const String& name, std::atomic<uint32_t>* levelsPtr, bool fixedLevels)
     : levels(0),
       levelsPtr(levelsPtr ? levelsPtr : &this->levels),
       name(name),
@@ -44,14 +46,14 @@ DebugHandler::HandlerMap* DebugHandler::handlerMap_ = nullptr;
 DebugControl::SpecificMap* DebugControl::debugsMap_ = nullptr;
 DebugControl::WildcardMap* DebugControl::wildCardDebugsMap_ = nullptr;
 
-bool DebugControl::showDate_ = false;
-bool DebugControl::showTime_ = false;
-bool DebugControl::showPid_ = false;
-bool DebugControl::showTid_ = false;
-bool DebugControl::showHandleName_ = false;
-bool DebugControl::showLevel_ = false;
-bool DebugControl::showLineInfo_ = false;
-bool DebugControl::showFuncName_ = false;
+std::atomic<bool> DebugControl::showDate_ = false;
+std::atomic<bool> DebugControl::showTime_ = false;
+std::atomic<bool> DebugControl::showPid_ = false;
+std::atomic<bool> DebugControl::showTid_ = false;
+std::atomic<bool> DebugControl::showHandleName_ = false;
+std::atomic<bool> DebugControl::showLevel_ = false;
+std::atomic<bool> DebugControl::showLineInfo_ = false;
+std::atomic<bool> DebugControl::showFuncName_ = false;
 
 namespace {
 
@@ -95,9 +97,10 @@ DebugHandler::~DebugHandler() {
 uint32_t DebugHandler::enabledIs(unsigned level, bool enabled) {
     KELVO_ASSERTM(levelsPtr == &levels,
                   "Cannot use this with a non-null levelsPtr passed to constructor");
+    // Read-modify-write: the registry may change the same mask concurrently.
     const uint32_t bit = 1u << (level % 32);
-    levels = enabled ? (levels | bit) : (levels & ~bit);
-    return levels;
+    return enabled ? levels.fetch_or(bit, std::memory_order_relaxed) | bit
+                   : levels.fetch_and(~bit, std::memory_order_relaxed) & ~bit;
 }
 
 void DebugHandler::dump(Platform::DebugStream& stream, unsigned level, const char* file, int line,
@@ -108,7 +111,8 @@ void DebugHandler::dump(Platform::DebugStream& stream, unsigned level, const cha
 
 String DebugHandler::displayString() const {
     return name + (fixedLevels ? "+" : "") + "/" +
-           levelDigits(*levelsPtr, levels == Platform::DebugHandler::allLevels);
+           levelDigits(levelsPtr->load(std::memory_order_relaxed),
+                       levels.load(std::memory_order_relaxed) == Platform::DebugHandler::allLevels);
 }
 
 void DebugHandler::initialize() {
@@ -209,6 +213,12 @@ void DebugControl::set(const String& nameSpec, const String& levelsSpec) {
     bool wildcard = false;
     const String name = parseName(nameSpec, wildcard);
     const uint32_t add = parseLevels(levelsSpec);
+    // An item that names no levels changes nothing: in particular it makes no
+    // control that later wildcard items would reach, so a new handle of that
+    // name still takes the levels of its smallest matching prefix.
+    if (add == 0) {
+        return;
+    }
     LocoGuard guard;
     initialize();
     DebugHandler::initialize();
@@ -228,10 +238,6 @@ void DebugControl::set(const String& nameSpec, const String& levelsSpec) {
         if (DebugControl* inherited = findWildcard(name)) {
             mask |= inherited->levels;
         }
-        // An empty control would change nothing: keep the registry free of them.
-        if (mask == 0) {
-            return;
-        }
         control = new DebugControl(name, static_cast<int>(mask), wildcard);
     }
 
@@ -239,7 +245,7 @@ void DebugControl::set(const String& nameSpec, const String& levelsSpec) {
         auto [first, last] = handlers.equal_range(name);
         for (auto it = first; it != last; ++it) {
             if (!it->second->fixedLevels) {
-                it->second->levels |= control->levels;
+                it->second->levels.fetch_or(control->levels, std::memory_order_relaxed);
             }
         }
         return;
@@ -258,7 +264,7 @@ void DebugControl::set(const String& nameSpec, const String& levelsSpec) {
     for (auto it = handlers.lower_bound(name); it != handlers.end() && startsWith(it->first, name);
          ++it) {
         if (!it->second->fixedLevels) {
-            it->second->levels |= mask;
+            it->second->levels.fetch_or(mask, std::memory_order_relaxed);
         }
     }
 }
@@ -298,7 +304,7 @@ void DebugControl::clear(const String& nameSpec, const String& levelsSpec) {
     }
     for (auto it = handlers.lower_bound(name); it != handlers.end() && matches(it->first); ++it) {
         if (!it->second->fixedLevels) {
-            it->second->levels &= ~remove;
+            it->second->levels.fetch_and(~remove, std::memory_order_relaxed);
         }
     }
     for (DebugControl* control : emptied) {
@@ -364,7 +370,12 @@ void selectTraceFile() {
         traceFd_ = -1;
     }
     traceFileName().clear();
-    const int fd = ::open(wanted, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    // Opening must not block: a FIFO without a reader (ENXIO) is as unopenable
+    // as a missing directory. Lines are then written in blocking mode, whole.
+    const int fd = ::open(wanted, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK, 0666);
+    if (fd >= 0) {
+        ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+    }
     if (fd < 0) {
         std::cerr << "Error opening TRACEFILE=" << wanted << "\n"
                   << "Defaulting to std::cerr for trace output.\n";
@@ -397,7 +408,7 @@ void forEachItem(const char* traceText, Apply apply) {
 
 constexpr const char* fieldNames[] = {"date",   "time",  "pid",       "tid",
                                       "handle", "level", "line-info", "func-name"};
-bool* const fieldSwitches[] = {
+std::atomic<bool>* const fieldSwitches[] = {
     &Sarn::DebugControl::showDate_,       &Sarn::DebugControl::showTime_,
     &Sarn::DebugControl::showPid_,        &Sarn::DebugControl::showTid_,
     &Sarn::DebugControl::showHandleName_, &Sarn::DebugControl::showLevel_,
@@ -430,40 +441,25 @@ const LocalSecond& localSecond(time_t now) {
     return cache;
 }
 
-// One trace line, composed on the caller's stack without any lock; only its
-// write is serialised, so lines from different threads never interleave. Room
-// is reserved up front, so each piece is a plain copy (no per-piece checks);
-// only lines longer than the inline storage use the heap.
-class TraceLine {
+// Each piece of the prefix is a plain copy into room reserved up front.
+class PrefixWriter {
   public:
-    // Date, time, pid, tid, level and line number with their separators.
-    static constexpr size_t numericFieldsRoom = 96;
-
-    explicit TraceLine(size_t room) {
-        if (room > sizeof inline_) {
-            heap_.reset(new char[room]);
-            data_ = heap_.get();
-        }
-    }
+    explicit PrefixWriter(char* out) : out_(out) {}
     void append(const char* text, size_t length) {
-        std::memcpy(data_ + size_, text, length);
-        size_ += length;
+        Impl::copyBytes(out_, text, length);
+        out_ += length;
     }
-    void push(char c) { data_[size_++] = c; }
-    // A prefix field and its separating space.
+    void push(char c) { *out_++ = c; }
+    // A field and its separating space.
     void field(const char* text, size_t length) {
         append(text, length);
         push(' ');
     }
     void field(const fmt::format_int& number) { field(number.data(), number.size()); }
-    const char* data() const { return data_; }
-    size_t size() const { return size_; }
+    char* end() const { return out_; }
 
   private:
-    char inline_[1024];
-    std::unique_ptr<char[]> heap_;
-    char* data_ = inline_;
-    size_t size_ = 0;
+    char* out_;
 };
 
 // One write(2) of the whole line: a gathering writev costs measurably more.
@@ -561,84 +557,110 @@ void setTraceFormat(const char* fields) {
     }
     LocoGuard guard;
     for (size_t field = 0; field < fieldCount; ++field) {
-        *fieldSwitches[field] = chosen[field];
+        fieldSwitches[field]->store(chosen[field], std::memory_order_relaxed);
     }
 }
 
 void clearTraceFormat() {
     LocoGuard guard;
-    for (bool* field : fieldSwitches) {
-        *field = false;
+    for (std::atomic<bool>* field : fieldSwitches) {
+        field->store(false, std::memory_order_relaxed);
     }
 }
 
 void printAllTraceFormat() {
     LocoGuard guard;
     for (size_t field = 0; field < fieldCount; ++field) {
-        std::cout << (field ? " " : "") << (*fieldSwitches[field] ? 1 : 0);
+        std::cout << (field ? " " : "")
+                  << (fieldSwitches[field]->load(std::memory_order_relaxed) ? 1 : 0);
     }
     std::cout << std::endl;
 }
 
 void dumpDebugMsg(const char* msg, size_t len, uint32_t level, const void* handle, const char* file,
                   const char* func, int line) {
+    Impl::TraceLine out;
+    Impl::traceLineStart(out, level, handle, file, func, line);
+    out.append(msg, msg + len);
+    Impl::traceLineWrite(out);
+}
+
+}  // namespace Platform
+
+namespace Impl {
+
+void traceLineStart(TraceLine& out, uint32_t level, const void* handle, const char* file,
+                    const char* func, int line) {
     using Sarn::DebugControl;
-    const String* name = DebugControl::showHandleName_ && handle != nullptr
-                             ? &static_cast<const DebugHandler*>(handle)->name
+    // Each switch is read once: a concurrent change may apply to this line
+    // only partly, but never tears a field.
+    constexpr auto relaxed = std::memory_order_relaxed;
+    const bool showDate = DebugControl::showDate_.load(relaxed);
+    const bool showTime = DebugControl::showTime_.load(relaxed);
+    const String* name = handle != nullptr && DebugControl::showHandleName_.load(relaxed)
+                             ? &static_cast<const Platform::DebugHandler*>(handle)->name
                              : nullptr;
     const char* fileName = nullptr;
-    if (DebugControl::showLineInfo_ && file != nullptr) {
+    size_t fileNameLength = 0;
+    if (file != nullptr && DebugControl::showLineInfo_.load(relaxed)) {
         const char* slash = std::strrchr(file, '/');
         fileName = slash ? slash + 1 : file;
+        fileNameLength = std::strlen(fileName);
     }
-    const char* funcName = DebugControl::showFuncName_ ? func : nullptr;
-    TraceLine out(TraceLine::numericFieldsRoom + (name ? name->size() : 0) +
-                  (fileName ? std::strlen(fileName) : 0) + (funcName ? std::strlen(funcName) : 0) +
-                  len + 1);
+    const char* funcName = DebugControl::showFuncName_.load(relaxed) ? func : nullptr;
+    const size_t funcNameLength = funcName ? std::strlen(funcName) : 0;
 
-    if (DebugControl::showDate_ || DebugControl::showTime_) {
+    // Date, time, pid, tid, level and line number with their separators.
+    constexpr size_t numericFieldsRoom = 96;
+    const size_t start = out.size();
+    out.resize(start + numericFieldsRoom + (name ? name->size() : 0) + fileNameLength +
+               funcNameLength);
+    PrefixWriter prefix(out.data() + start);
+    if (showDate || showTime) {
         struct timeval now;
         ::gettimeofday(&now, nullptr);
         const LocalSecond& local = localSecond(now.tv_sec);
         if (local.valid) {
-            if (DebugControl::showDate_) {
-                out.append(local.date, local.dateLength);
+            if (showDate) {
+                prefix.append(local.date, local.dateLength);
             }
-            if (DebugControl::showTime_) {
-                out.append(local.time, local.timeLength);
-                out.push('.');
-                out.field(fmt::format_int(static_cast<long>(now.tv_usec)));
+            if (showTime) {
+                prefix.append(local.time, local.timeLength);
+                prefix.push('.');
+                prefix.field(fmt::format_int(static_cast<long>(now.tv_usec)));
             }
         }
     }
-    if (DebugControl::showPid_) {
-        out.field(fmt::format_int(::getpid()));
+    if (DebugControl::showPid_.load(relaxed)) {
+        prefix.field(fmt::format_int(::getpid()));
     }
-    if (DebugControl::showTid_) {
-        out.field(fmt::format_int(Kelvo::gettid()));
+    if (DebugControl::showTid_.load(relaxed)) {
+        prefix.field(fmt::format_int(Kelvo::gettid()));
     }
     if (name != nullptr) {
-        out.field(name->data(), name->size());
+        prefix.field(name->data(), name->size());
     }
-    if (DebugControl::showLevel_) {
-        out.field(fmt::format_int(level));
+    if (DebugControl::showLevel_.load(relaxed)) {
+        prefix.field(fmt::format_int(level));
     }
     if (fileName != nullptr) {
-        out.append(fileName, std::strlen(fileName));
-        out.push(':');
-        out.field(fmt::format_int(line));
+        prefix.append(fileName, fileNameLength);
+        prefix.push(':');
+        prefix.field(fmt::format_int(line));
     }
     if (funcName != nullptr) {
-        out.field(funcName, std::strlen(funcName));
+        prefix.field(funcName, funcNameLength);
     }
-    out.append(msg, len);
-    out.push('\n');
+    out.resize(static_cast<size_t>(prefix.end() - out.data()));
+}
 
+void traceLineWrite(TraceLine& out) {
+    out.push_back('\n');
     LocoGuard guard;
     writeAll(traceFd_ >= 0 ? traceFd_ : STDERR_FILENO, out.data(), out.size());
 }
 
-}  // namespace Platform
+}  // namespace Impl
 
 [[noreturn]] void debugAndThrowAssertException(Platform::DebugHandler* handle, unsigned level,
                                                Platform::DebugStream& message, const char* file,

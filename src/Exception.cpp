@@ -1,6 +1,7 @@
 #include <Kelvo/ExceptionCpp.h>
 #include <Kelvo/FmtraceCpp.h>
 
+#include <atomic>
 #include <iostream>
 
 // glibc's assertion reporter; declared here because <assert.h> hides it under NDEBUG.
@@ -10,7 +11,7 @@ extern "C" void __assert_fail(const char* assertion, const char* file, unsigned 
 namespace Kelvo {
 
 namespace {
-bool throwOnAssertFail_ = false;
+std::atomic<bool> throwOnAssertFail_ = false;
 }
 
 Exception::Exception(const String& message, bool captureBacktrace)
@@ -66,7 +67,7 @@ const char* AssertException::name() const noexcept {
 }
 
 void AssertException::throwException(const String& message) {
-    if (throwOnAssertFail_) {
+    if (throwOnAssertFail_.load(std::memory_order_relaxed)) {
         throw AssertException(message);
     }
     std::cerr << "Kelvo::Assert aborting because: " << message << std::endl;
@@ -74,10 +75,10 @@ void AssertException::throwException(const String& message) {
 }
 
 void throwOnAssertFailIs(bool throwOnAssertFail) {
-    throwOnAssertFail_ = throwOnAssertFail;
+    throwOnAssertFail_.store(throwOnAssertFail, std::memory_order_relaxed);
 }
 bool throwOnAssertFail() {
-    return throwOnAssertFail_;
+    return throwOnAssertFail_.load(std::memory_order_relaxed);
 }
 
 namespace Platform {

@@ -36,4 +36,36 @@ TEST(MessageBuilders, PrefixesAndLengthsAcrossTheInlineBufferBoundary) {
                     testing::EndsWith(": funcName && className"));
 }
 
+// Most messages are written without fmt's parser; whichever way a message is
+// built, its text is fmt's own, byte for byte, and fmt's errors stay errors.
+TEST(MessageBuilders, EveryMessageReadsAsFmtWritesIt) {
+    const int negative = -42;
+    const unsigned big = 4294967295u;
+    const long long min = INT64_MIN;
+    const unsigned long long max = UINT64_MAX;
+    const bool yes = true;
+    const char c = 'c';
+    const char* cstr = "cstr";
+    const std::string withNul("a\0b", 3);
+    const double quarter = 3.25;
+    const void* pointer = &quarter;
+    const auto args =
+        fmt::make_format_args(negative, big, min, max, yes, c, cstr, withNul, quarter, pointer);
+    for (const char* format :
+         {"", "text only", "{}", "<{}|{}|{}|{}|{}|{}|{}|{}>", "{}{}{}{}{}{}{}{}{}{}", "{1} {0}",
+          "{:>5}|{}", "{{}} {}", "{} }} {{", "a{}b{{", "{}{:x}", "yes, every day: {} by {}y",
+          "\x7fyyyyyyyyyyyyyyy{}", "0123456789abcdef{}{{"}) {
+        EXPECT_EQ(vformatstr(false, nullptr, nullptr, format, args), fmt::vformat(format, args))
+            << format;
+    }
+    const char* null = nullptr;
+    for (const char* format :
+         {"{", "}", "{} }", "x {", "{}{}{}{}{}{}{}{}{}{}{}", "0123456789 } x", "0123456789{"}) {
+        EXPECT_THROW(vformatstr(false, nullptr, nullptr, format, args), fmt::format_error)
+            << format;
+    }
+    EXPECT_THROW(vformatstr(false, nullptr, nullptr, "{}", fmt::make_format_args(null)),
+                 fmt::format_error);
+}
+
 }  // namespace

@@ -14,7 +14,8 @@ int main(int argc, char** argv) {
     const char* mode = argc > 1 ? argv[1] : "";
     if (std::strcmp(mode, "levels") == 0) {
         for (int i = 2; i < argc; ++i) {
-            std::printf("%s %u\n", argv[i], Kelvo::Platform::getDebugHandler(argv[i])->levels);
+            std::printf("%s %u\n", argv[i],
+                        Kelvo::Platform::getDebugHandler(argv[i])->levels.load());
         }
         std::fflush(stdout);
         Kelvo::Platform::printAllTraceFormat();
