@@ -1,4 +1,5 @@
 // Trace handles, the registry of trace controls, and the trace line writer.
+#include <Kelvo/AllocatorCpp.h>
 #include <Kelvo/DebugCpp.h>
 #include <Kelvo/FmtraceCpp.h>
 #include <Kelvo/LockingCpp.h>
@@ -206,19 +207,16 @@ std::shared_ptr<Platform::DebugHandler> DebugControl::get(const String& name,
     } else if (DebugControl* control = findWildcard(lookup)) {
         mask = control->levels;
     }
-    return std::make_shared<Sarn::DebugHandler>(name, static_cast<int>(mask), false);
+    return allocateShared<Sarn::DebugHandler>(name, static_cast<int>(mask), false);
 }
 
 void DebugControl::set(const String& nameSpec, const String& levelsSpec) {
     bool wildcard = false;
     const String name = parseName(nameSpec, wildcard);
     const uint32_t add = parseLevels(levelsSpec);
-    // An item that names no levels changes nothing: in particular it makes no
-    // control that later wildcard items would reach, so a new handle of that
-    // name still takes the levels of its smallest matching prefix.
-    if (add == 0) {
-        return;
-    }
+    // An item with no levels still makes its control: later wildcard items
+    // reach it, so "Foo,Fo*/3" gives a new handle Foo level 3, which it would
+    // not get from its smallest matching prefix alone.
     LocoGuard guard;
     initialize();
     DebugHandler::initialize();

@@ -55,11 +55,12 @@ TEST(TraceGrammar, MalformedTraceValues) {
         {"MalG**/2", {{"MalG*z", 0x4}, {"MalGz", 0}}},
         {"MalH/abc,MalH", {{"MalH", 0}}},
         {longName + "/9", {{longName, 0x200}, {longName.substr(1), 0}}},
+        // An item without levels still makes a control that later wildcards reach.
+        {"NoLvFoo,NoLvFo*/3,NoLvF*/5", {{"NoLvFoo", 0x28}, {"NoLvFox", 0x20}}},
+        {"NoLvA*/1,NoLvAbc,NoLvAb*/2", {{"NoLvAbc", 0x6}, {"NoLvAbx", 0x2}}},
+        // From here on the empty prefix, the smallest, shadows every other.
         {"/,//,*,*/,/*x", {{"MalI", 0}}},
         {"MalJ/1a3,MalK/0*,MalL/10", {{"MalJ", 0xa}, {"MalK", 0x3ff}, {"MalL", 0x3}}},
-        // An item without levels makes no control for later wildcards to reach.
-        {"NoLvFoo,NoLvFo*/3,NoLvF*/5", {{"NoLvFoo", 0x20}, {"NoLvFox", 0x20}}},
-        {"NoLvA*/1,NoLvAbc,NoLvAb*/2", {{"NoLvAbc", 0x2}, {"NoLvAbx", 0x2}}},
     };
     for (const auto& [traceText, expected] : cases) {
         Platform::setupKelvoDebug(traceText.c_str());
