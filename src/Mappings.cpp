@@ -70,6 +70,22 @@ std::optional<Mapping> parseMapsLine(std::string_view line) {
     return mapping;
 }
 
+std::vector<Mapping> parseMaps(Platform::DebugHandler& handle, std::string_view text,
+                               std::string_view source) {
+    std::vector<Mapping> entries;
+    forEachLine(text, [&](std::string_view line) {
+        auto mapping = parseMapsLine(line);
+        // Keeping the order ascending and disjoint is what makes containing()
+        // a binary search; a line that breaks it is as bad as a garbled one.
+        if (mapping && (entries.empty() || entries.back().end <= mapping->start)) {
+            entries.push_back(std::move(*mapping));
+        } else {
+            KELVO_TRACE(handle, 1, "skipping malformed line of {}: {}", source, line);
+        }
+    });
+    return entries;
+}
+
 std::optional<MemoryFigures> parseStatusMemory(std::string_view text) {
     // "VmSize:\t  218460 kB"
     std::optional<uint64_t> mapped, resident;
@@ -114,18 +130,7 @@ std::optional<Mappings> readMappings(Platform::DebugHandler& handle, pid_t pid) 
     if (!readProcessFile(handle, buffer, pid, "maps", path)) {
         return std::nullopt;
     }
-    std::vector<Mapping> entries;
-    Impl::forEachLine(buffer.text(), [&](std::string_view line) {
-        auto mapping = Impl::parseMapsLine(line);
-        // Keeping the order ascending and disjoint is what makes containing()
-        // a binary search; a line that breaks it is as bad as a garbled one.
-        if (mapping && (entries.empty() || entries.back().end <= mapping->start)) {
-            entries.push_back(std::move(*mapping));
-        } else {
-            KELVO_TRACE(handle, 1, "skipping malformed line of {}: {}", path, line);
-        }
-    });
-    return Mappings(std::move(entries));
+    return Mappings(Impl::parseMaps(handle, buffer.text(), path));
 }
 
 std::optional<MemoryFigures> memoryFigures(Platform::DebugHandler& handle, pid_t pid) {

@@ -76,7 +76,8 @@ std::optional<StatFields> parseStat(std::string_view text) {
         }
     }
     const auto startTicks = parseNumber<uint64_t>(nextWord(rest));
-    if (!startTicks) {
+    // The fields that follow the start time show that it was not cut short.
+    if (!startTicks || nextWord(rest).empty()) {
         return std::nullopt;
     }
     return StatFields{text.substr(open + 1, close - open - 1), *startTicks};
@@ -110,17 +111,26 @@ std::optional<LockLine> parseLockLine(std::string_view line) {
     if (id.size() < 2 || id.back() != ':' || !parseNumber<uint64_t>(id.substr(0, id.size() - 1))) {
         return std::nullopt;
     }
-    std::string_view word = nextWord(line);
-    if (word == "->") {
+    std::string_view kind = nextWord(line);
+    if (kind == "->") {
         lock.waiter = true;
-        word = nextWord(line);
+        kind = nextWord(line);
+    }
+    // A known class keeps a damaged waiter's line ("->x OFDLCK") from
+    // passing for a held lock.
+    constexpr std::string_view kinds[] = {"POSIX", "FLOCK",  "OFDLCK", "LEASE",
+                                          "DELEG", "ACCESS", "UNKNOWN"};
+    if (std::find(std::begin(kinds), std::end(kinds), kind) == std::end(kinds)) {
+        return std::nullopt;
     }
     const std::string_view mode = nextWord(line);
     const std::string_view access = nextWord(line);
     const auto pid = parseNumber<pid_t>(nextWord(line));
     const std::string_view file = nextWord(line);
-    if (word.empty() || mode.empty() || access.empty() || !pid || nextWord(line).empty() ||
-        nextWord(line).empty()) {
+    const std::string_view start = nextWord(line);
+    const std::string_view end = nextWord(line);
+    if (mode.empty() || access.empty() || !pid || !parseNumber<int64_t>(start) ||
+        (end != "EOF" && !parseNumber<int64_t>(end)) || !nextWord(line).empty()) {
         return std::nullopt;
     }
     const size_t first = file.find(':');
@@ -139,6 +149,28 @@ std::optional<LockLine> parseLockLine(std::string_view line) {
     lock.devMinor = *minor;
     lock.inode = *inode;
     return lock;
+}
+
+bool lockListed(std::string_view locks, uint64_t inode) {
+    bool listed = false;
+    forEachLine(locks, [&](std::string_view line) {
+        const auto lock = parseLockLine(line);
+        listed = listed || (lock && !lock->waiter && lock->inode == inode);
+    });
+    return listed;
+}
+
+bool fdinfoHoldsLock(std::string_view fdinfo) {
+    // fdinfo lists only the locks of its own file, so the lines need no
+    // matching against the file.
+    bool holds = false;
+    forEachLine(fdinfo, [&](std::string_view line) {
+        if (line.starts_with("lock:")) {
+            const auto lock = parseLockLine(line.substr(5));
+            holds = holds || (lock && !lock->waiter);
+        }
+    });
+    return holds;
 }
 
 std::optional<UnixSocketLine> parseUnixSocketLine(std::string_view line) {
@@ -165,6 +197,30 @@ std::optional<UnixSocketLine> parseUnixSocketLine(std::string_view line) {
         line.remove_prefix(1);
     }
     return UnixSocketLine{*inode, line};
+}
+
+std::unordered_set<uint64_t> unixSocketInodes(std::string_view sockets, std::string_view path) {
+    std::unordered_set<uint64_t> inodes;
+    forEachLine(sockets, [&](std::string_view line) {
+        const auto socket = parseUnixSocketLine(line);
+        if (socket && socket->path == path) {
+            inodes.insert(socket->inode);
+        }
+    });
+    return inodes;
+}
+
+std::vector<String> abstractNames(std::string_view sockets, std::string_view prefix) {
+    std::vector<String> names;
+    forEachLine(sockets, [&](std::string_view line) {
+        const auto socket = parseUnixSocketLine(line);
+        if (socket && socket->path.starts_with('@') && socket->path.substr(1).starts_with(prefix)) {
+            names.emplace_back(socket->path.substr(1));
+        }
+    });
+    std::sort(names.begin(), names.end());
+    names.erase(std::unique(names.begin(), names.end()), names.end());
+    return names;
 }
 
 std::optional<uint32_t> parseCoreDumpFilter(std::string_view text) {
@@ -348,12 +404,7 @@ std::optional<std::vector<pid_t>> lockOwners(Platform::DebugHandler& handle, con
     // Only the inode is compared here: some file systems (overlays, btrfs
     // subvolumes) show stat() a device other than the one /proc/locks names.
     // The owners found below are matched on device and inode both.
-    bool locked = false;
-    Impl::forEachLine(buffer.text(), [&](std::string_view line) {
-        const auto lock = Impl::parseLockLine(line);
-        locked = locked || (lock && !lock->waiter && lock->inode == file.st_ino);
-    });
-    if (!locked) {
+    if (!Impl::lockListed(buffer.text(), file.st_ino)) {
         KELVO_TRACE(handle, 5, "no lock on {}", path);
         return std::vector<pid_t>();
     }
@@ -374,17 +425,9 @@ std::optional<std::vector<pid_t>> lockOwners(Platform::DebugHandler& handle, con
         }
         char fdinfo[64];
         fmt::format_to_n(fdinfo, sizeof fdinfo - 1, "{}/fdinfo/{}", pid, fd).out[0] = '\0';
-        if (!buffer.read(scan.procFd(), fdinfo)) {
-            return;
+        if (buffer.read(scan.procFd(), fdinfo) && Impl::fdinfoHoldsLock(buffer.text())) {
+            owners.push_back(pid);
         }
-        Impl::forEachLine(buffer.text(), [&](std::string_view line) {
-            if (line.starts_with("lock:")) {
-                const auto lock = Impl::parseLockLine(line.substr(5));
-                if (lock && !lock->waiter) {
-                    owners.push_back(pid);
-                }
-            }
-        });
     });
     if (owners.empty()) {
         KELVO_TRACE(handle, 1, "{} is locked by a process hidden from us ({} hidden)", path,
@@ -404,13 +447,7 @@ std::optional<std::vector<pid_t>> abstractSocketOwners(Platform::DebugHandler& h
         KELVO_TRACE(handle, 1, "unable to read {}: {}", "/proc/net/unix", errorText(errno));
         return std::nullopt;
     }
-    std::unordered_set<uint64_t> inodes;
-    Impl::forEachLine(buffer.text(), [&](std::string_view line) {
-        const auto socket = Impl::parseUnixSocketLine(line);
-        if (socket && socket->path == shown) {
-            inodes.insert(socket->inode);
-        }
-    });
+    const auto inodes = Impl::unixSocketInodes(buffer.text(), shown);
     if (inodes.empty()) {
         KELVO_TRACE(handle, 5, "no socket named {}", name);
         return std::vector<pid_t>();
@@ -452,16 +489,7 @@ std::vector<String> abstractSocketNames(Platform::DebugHandler& handle, const St
         KELVO_TRACE(handle, 1, "unable to read {}: {}", "/proc/net/unix", errorText(errno));
         return {};
     }
-    std::vector<String> names;
-    Impl::forEachLine(buffer.text(), [&](std::string_view line) {
-        const auto socket = Impl::parseUnixSocketLine(line);
-        if (socket && socket->path.starts_with('@') && socket->path.substr(1).starts_with(prefix)) {
-            names.emplace_back(socket->path.substr(1));
-        }
-    });
-    std::sort(names.begin(), names.end());
-    names.erase(std::unique(names.begin(), names.end()), names.end());
-    return names;
+    return Impl::abstractNames(buffer.text(), prefix);
 }
 
 namespace {
@@ -473,40 +501,51 @@ bool readRemote(pid_t pid, uintptr_t address, void* out, size_t size) {
     return ::process_vm_readv(pid, &local, 1, &remote, 1, 0) == static_cast<ssize_t>(size);
 }
 
-// The type whose vtable symbol ("_ZTV" and the type's mangled name) covers
-// vptr, looked up in the caller's own mapping of the file that holds it.
-std::optional<String> typeFromVtableSymbol(Platform::DebugHandler& handle, const Mapping& remote,
-                                           uintptr_t vptr) {
-    const auto own = readMappings(handle, ::getpid());
-    if (!own) {
-        return std::nullopt;
-    }
-    const uint64_t fileOffset = vptr - remote.start + remote.offset;
-    for (const Mapping& local : own->entries()) {
-        if (local.inode != remote.inode || local.devMajor != remote.devMajor ||
-            local.devMinor != remote.devMinor || fileOffset < local.offset ||
-            fileOffset - local.offset >= local.size()) {
-            continue;
+// Where the file that mapping maps is loaded: the start of its lowest
+// mapping, which maps the file's first page.
+std::optional<uintptr_t> loadBase(const Mappings& mappings, const Mapping& mapping) {
+    for (const Mapping& other : mappings.entries()) {
+        if (other.inode == mapping.inode && other.devMajor == mapping.devMajor &&
+            other.devMinor == mapping.devMinor && other.path == mapping.path) {
+            return other.offset == 0 ? std::optional<uintptr_t>(other.start) : std::nullopt;
         }
-        const auto* address =
-            reinterpret_cast<const void*>(local.start + fileOffset - local.offset);
-        Dl_info info;
-        void* entry = nullptr;
-        const int found = ::dladdr1(address, &info, &entry, RTLD_DL_SYMENT);
-        const auto* symbol = static_cast<const ElfW(Sym)*>(entry);
-        if (found == 0 || symbol == nullptr || info.dli_sname == nullptr ||
-            std::strncmp(info.dli_sname, "_ZTV", 4) != 0) {
-            return std::nullopt;
-        }
-        // dladdr names the nearest exported symbol below the address, which
-        // need not cover it.
-        const auto* begin = static_cast<const char*>(info.dli_saddr);
-        if (address < begin || address >= begin + symbol->st_size) {
-            return std::nullopt;
-        }
-        return typeName(info.dli_sname + 4);
     }
     return std::nullopt;
+}
+
+// The type whose vtable symbol ("_ZTV" and the type's mangled name) covers
+// vptr, looked up in the caller's own copy of the binary that holds it. The
+// binary's segments lie at the same distances from its load base in both
+// processes; file offsets would not do, as one page of the file may be
+// mapped twice (read-only data, then relocated data).
+std::optional<String> typeFromVtableSymbol(Platform::DebugHandler& handle, const Mappings& remote,
+                                           const Mapping& holder, uintptr_t vptr) {
+    const auto own = readMappings(handle, ::getpid());
+    const auto remoteBase = loadBase(remote, holder);
+    const auto localBase = own ? loadBase(*own, holder) : std::nullopt;
+    if (!remoteBase || !localBase) {
+        return std::nullopt;
+    }
+    const uintptr_t local = vptr - *remoteBase + *localBase;
+    const Mapping* localHolder = own->containing(local);
+    if (localHolder == nullptr || localHolder->inode != holder.inode) {
+        return std::nullopt;
+    }
+    const auto* address = reinterpret_cast<const char*>(local);
+    Dl_info info;
+    void* entry = nullptr;
+    const int found = ::dladdr1(address, &info, &entry, RTLD_DL_SYMENT);
+    const auto* symbol = static_cast<const ElfW(Sym)*>(entry);
+    // dladdr names the nearest exported symbol below the address, which need
+    // not cover it.
+    const auto* begin = static_cast<const char*>(info.dli_saddr);
+    if (found == 0 || symbol == nullptr || info.dli_sname == nullptr ||
+        std::strncmp(info.dli_sname, "_ZTV", 4) != 0 || address < begin ||
+        address >= begin + symbol->st_size) {
+        return std::nullopt;
+    }
+    KELVO_TRACE(handle, 9, "vtable symbol {} covers {:#x}", info.dli_sname, vptr);
+    return typeName(info.dli_sname + 4);
 }
 
 // The type named by the type_info that the vtable at vptr points to: the
@@ -514,7 +553,8 @@ std::optional<String> typeFromVtableSymbol(Platform::DebugHandler& handle, const
 // second word is the mangled name. Everything read is checked to lie in a
 // file-backed mapping and the name must demangle, so that data that merely
 // looks like a vtable pointer is refused.
-std::optional<String> typeFromTypeInfo(pid_t pid, const Mappings& mappings, uintptr_t vptr) {
+std::optional<String> typeFromTypeInfo(Platform::DebugHandler& handle, pid_t pid,
+                                       const Mappings& mappings, uintptr_t vptr) {
     const auto inFile = [&](uintptr_t address) {
         const Mapping* mapping = mappings.containing(address);
         return mapping != nullptr && mapping->fileBacked() && mapping->readable();
@@ -546,6 +586,7 @@ std::optional<String> typeFromTypeInfo(pid_t pid, const Mappings& mappings, uint
     if (status != 0) {
         return std::nullopt;
     }
+    KELVO_TRACE(handle, 9, "type_info of vtable {:#x} names {}", vptr, mangled);
     return typeName(mangled);
 }
 
@@ -568,9 +609,9 @@ std::optional<String> remoteTypeName(Platform::DebugHandler& handle, pid_t pid, 
                     address, pid, vptr);
         return std::nullopt;
     }
-    auto type = typeFromVtableSymbol(handle, *holder, vptr);
+    auto type = typeFromVtableSymbol(handle, *mappings, *holder, vptr);
     if (!type) {
-        type = typeFromTypeInfo(pid, *mappings, vptr);
+        type = typeFromTypeInfo(handle, pid, *mappings, vptr);
     }
     if (!type) {
         KELVO_TRACE(handle, 1, "no object at {:#x} of pid {}: {:#x} in {} is not a vtable", address,

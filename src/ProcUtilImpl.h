@@ -14,6 +14,7 @@
 #include <memory>
 #include <optional>
 #include <string_view>
+#include <unordered_set>
 #include <vector>
 
 namespace Kelvo {
@@ -36,16 +37,13 @@ class ProcFileBuffer {
     size_t size_ = 0;
 };
 
-// Calls lineFn(line) for each '\n'-terminated or final line of text, without
-// the '\n'.
+// Calls lineFn(line) for each line of text, without its '\n'. The kernel
+// ends every line of its files, so a last line without one was cut short and
+// is not passed on.
 template <typename LineFn>
 void forEachLine(std::string_view text, LineFn&& lineFn) {
-    while (!text.empty()) {
-        const size_t eol = text.find('\n');
+    for (size_t eol; (eol = text.find('\n')) != std::string_view::npos;) {
         lineFn(text.substr(0, eol));
-        if (eol == std::string_view::npos) {
-            break;
-        }
         text.remove_prefix(eol + 1);
     }
 }
@@ -103,6 +101,10 @@ struct LockLine {
     uint64_t inode = 0;
 };
 std::optional<LockLine> parseLockLine(std::string_view line);
+// Whether a /proc/locks text lists a held (not awaited) lock on inode.
+bool lockListed(std::string_view locks, uint64_t inode);
+// Whether an fdinfo text lists a held lock: one that its description owns.
+bool fdinfoHoldsLock(std::string_view fdinfo);
 
 // A line of /proc/net/unix:
 //   "0000000026e110b4: 00000002 00000000 00000000 0005 01 14954 @kelvod.ctl"
@@ -113,9 +115,18 @@ struct UnixSocketLine {
     std::string_view path;
 };
 std::optional<UnixSocketLine> parseUnixSocketLine(std::string_view line);
+// The inodes of the sockets that a /proc/net/unix text shows bound to path.
+std::unordered_set<uint64_t> unixSocketInodes(std::string_view sockets, std::string_view path);
+// The abstract names starting with prefix in a /proc/net/unix text, sorted,
+// each once, without the leading '@'.
+std::vector<String> abstractNames(std::string_view sockets, std::string_view prefix);
 
 // A line of /proc/<pid>/maps.
 std::optional<Mapping> parseMapsLine(std::string_view line);
+// The lines of a maps text; a malformed line, or one out of ascending order,
+// is skipped with a level-1 trace naming source.
+std::vector<Mapping> parseMaps(Platform::DebugHandler& handle, std::string_view text,
+                               std::string_view source);
 
 // VmSize and VmRSS of a /proc/<pid>/status text; std::nullopt unless both
 // are there.
