@@ -285,26 +285,51 @@ std::optional<int64_t> bootTime(Platform::DebugHandler& handle) {
     return bootTime;
 }
 
-// The process ids listed in /proc, through a directory descriptor that the
-// caller keeps for openat() below it.
-class ProcessScan {
+// Calls nameFn(name) for every entry of the directory open at fd but "."
+// and "..", reading the entries in batches into buffer; false when the
+// directory cannot be read.
+template <typename NameFn>
+bool forEachEntry(int fd, std::vector<char>& buffer, NameFn&& nameFn) {
+    while (true) {
+        const ssize_t size = ::getdents64(fd, buffer.data(), buffer.size());
+        if (size <= 0) {
+            return size == 0;
+        }
+        for (ssize_t at = 0; at < size;) {
+            const auto* entry = reinterpret_cast<const dirent64*>(buffer.data() + at);
+            at += entry->d_reclen;
+            if (entry->d_name[0] != '.') {
+                nameFn(entry->d_name);
+            }
+        }
+    }
+}
+
+// One pass over the descriptors of every process, for the owner lookups.
+// The directories are read with getdents64 into one buffer and the links
+// examined relative to their directory: the pass costs a few system calls
+// per process and one per descriptor.
+class DescriptorScan {
   public:
-    explicit ProcessScan(Platform::DebugHandler& handle) : handle_(handle) {
-        dir_ = ::opendir("/proc");
-        if (dir_ == nullptr) {
+    explicit DescriptorScan(Platform::DebugHandler& handle)
+        : handle_(handle),
+          procFd_(::open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC)),
+          processes_(64 * 1024),
+          descriptors_(64 * 1024) {
+        if (procFd_ < 0) {
             KELVO_TRACE(handle, 1, "unable to open /proc: {}", errorText(errno));
         }
     }
-    ~ProcessScan() {
-        if (dir_ != nullptr) {
-            ::closedir(dir_);
+    ~DescriptorScan() {
+        if (procFd_ >= 0) {
+            ::close(procFd_);
         }
     }
-    ProcessScan(const ProcessScan&) = delete;
-    ProcessScan& operator=(const ProcessScan&) = delete;
+    DescriptorScan(const DescriptorScan&) = delete;
+    DescriptorScan& operator=(const DescriptorScan&) = delete;
 
-    bool ok() const noexcept { return dir_ != nullptr; }
-    int procFd() const noexcept { return ::dirfd(dir_); }
+    bool ok() const noexcept { return procFd_ >= 0; }
+    int procFd() const noexcept { return procFd_; }
     // Processes whose descriptors the caller was refused.
     unsigned hidden() const noexcept { return hidden_; }
 
@@ -312,39 +337,32 @@ class ProcessScan {
     // whose descriptor directory can be read.
     template <typename FdFn>
     void forEachDescriptor(FdFn&& fdFn) {
-        while (const dirent* process = ::readdir(dir_)) {
-            const auto pid = Impl::parseNumber<pid_t>(process->d_name);
+        forEachEntry(procFd_, processes_, [&](const char* name) {
+            const auto pid = Impl::parseNumber<pid_t>(name);
             if (!pid) {
-                continue;
+                return;
             }
             char fdPath[32];
             fmt::format_to_n(fdPath, sizeof fdPath - 1, "{}/fd", *pid).out[0] = '\0';
-            const int fdDirFd = ::openat(procFd(), fdPath, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+            const int fdDirFd = ::openat(procFd_, fdPath, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
             if (fdDirFd < 0) {
                 // Gone meanwhile (ENOENT), or another user's (EACCES).
                 if (errno == EACCES || errno == EPERM) {
                     ++hidden_;
                 }
-                KELVO_TRACE(handle_, 9, "skipping /proc/{}: {}", *pid, errorText(errno));
-                continue;
+                KELVO_TRACE(handle_, 9, "skipping /proc/{}: {}", name, errorText(errno));
+                return;
             }
-            DIR* fds = ::fdopendir(fdDirFd);
-            if (fds == nullptr) {
-                ::close(fdDirFd);
-                continue;
-            }
-            while (const dirent* fd = ::readdir(fds)) {
-                if (fd->d_name[0] != '.') {
-                    fdFn(*pid, fdDirFd, fd->d_name);
-                }
-            }
-            ::closedir(fds);
-        }
+            forEachEntry(fdDirFd, descriptors_, [&](const char* fd) { fdFn(*pid, fdDirFd, fd); });
+            ::close(fdDirFd);
+        });
     }
 
   private:
     Platform::DebugHandler& handle_;
-    DIR* dir_ = nullptr;
+    int procFd_;
+    std::vector<char> processes_;
+    std::vector<char> descriptors_;
     unsigned hidden_ = 0;
 };
 
@@ -412,7 +430,7 @@ std::optional<std::vector<pid_t>> lockOwners(Platform::DebugHandler& handle, con
     // An open-file-description lock shows pid -1 in /proc/locks: its holders
     // are the processes with a descriptor on the file whose fdinfo lists a
     // lock that is not a wait.
-    ProcessScan scan(handle);
+    DescriptorScan scan(handle);
     if (!scan.ok()) {
         return std::nullopt;
     }
@@ -453,7 +471,7 @@ std::optional<std::vector<pid_t>> abstractSocketOwners(Platform::DebugHandler& h
         return std::vector<pid_t>();
     }
 
-    ProcessScan scan(handle);
+    DescriptorScan scan(handle);
     if (!scan.ok()) {
         return std::nullopt;
     }

@@ -10,6 +10,7 @@
 
 #include <exception>
 #include <functional>
+#include <set>
 #include <string>
 
 namespace KelvoTest {
@@ -30,6 +31,10 @@ class HeldChild {
             ::alarm(60);
             ::close(ready[0]);
             ::close(hold[1]);
+            // Another child's hold pipe kept open here would outlive its release.
+            for (int fd : holdFds()) {
+                ::close(fd);
+            }
             std::string line;
             try {
                 line = setup();
@@ -46,6 +51,7 @@ class HeldChild {
         ::close(ready[1]);
         ::close(hold[0]);
         holdFd_ = hold[1];
+        holdFds().insert(holdFd_);
         // The child's line, or what arrived of it within 30 s.
         struct pollfd wait = {ready[0], POLLIN, 0};
         char byte;
@@ -63,6 +69,7 @@ class HeldChild {
     // Lets the child go and reaps it.
     void release() {
         if (holdFd_ >= 0) {
+            holdFds().erase(holdFd_);
             ::close(holdFd_);
             holdFd_ = -1;
         }
@@ -73,6 +80,13 @@ class HeldChild {
     }
 
   private:
+    // The write ends of the hold pipes of the children alive, which each new
+    // child closes.
+    static std::set<int>& holdFds() {
+        static std::set<int> fds;
+        return fds;
+    }
+
     pid_t pid_ = -1;
     int holdFd_ = -1;
     std::string report_;

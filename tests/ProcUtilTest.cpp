@@ -84,12 +84,16 @@ TEST_F(ProcUtil, IdentityOfAProcessWithBlanksAndParenthesesInItsTitle) {
     // The title is the base name of the executed path, here a link to sh.
     const std::string program = path("a (b)) c");
     ASSERT_EQ(::symlink("/bin/sh", program.c_str()), 0);
-    int input[2];
+    // The shell says when it runs (its arguments are in place only once exec
+    // is done) and then waits for its input to close.
+    int input[2], output[2];
     ASSERT_EQ(::pipe2(input, O_CLOEXEC), 0);
+    ASSERT_EQ(::pipe2(output, O_CLOEXEC), 0);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, input[0], STDIN_FILENO);
-    std::vector<std::string> args = {program, "-c", "read line", "", "x y"};
+    posix_spawn_file_actions_adddup2(&actions, output[1], STDOUT_FILENO);
+    std::vector<std::string> args = {program, "-c", "echo; read line", "", "x y"};
     std::vector<char*> argv;
     for (auto& arg : args) {
         argv.push_back(arg.data());
@@ -102,6 +106,10 @@ TEST_F(ProcUtil, IdentityOfAProcessWithBlanksAndParenthesesInItsTitle) {
     const double bootAfter = secondsSinceBoot();
     posix_spawn_file_actions_destroy(&actions);
     ::close(input[0]);
+    ::close(output[1]);
+    struct pollfd running = {output[0], POLLIN, 0};
+    ASSERT_EQ(::poll(&running, 1, 30000), 1);
+    ::close(output[0]);
 
     EXPECT_EQ(Util::processTitle(h_, pid), "a (b)) c");
     EXPECT_EQ(Util::processCommandLine(h_, pid), args);
