@@ -35,8 +35,8 @@ bool ProcFileBuffer::read(int dirfd, const char* path) {
     while (true) {
         if (size_ == capacity_) {
             const size_t capacity = std::max<size_t>(4096, 2 * capacity_);
-            auto data = std::make_unique<char[]>(capacity);
-            std::memcpy(data.get(), data_.get(), size_);
+            auto data = std::make_unique_for_overwrite<char[]>(capacity);
+            std::copy_n(data_.get(), size_, data.get());
             data_ = std::move(data);
             capacity_ = capacity;
         }
@@ -436,9 +436,9 @@ std::optional<std::vector<pid_t>> lockOwners(Platform::DebugHandler& handle, con
     }
     std::vector<pid_t> owners;
     scan.forEachDescriptor([&](pid_t pid, int fdDirFd, const char* fd) {
-        struct stat open;
-        if (::fstatat(fdDirFd, fd, &open, 0) != 0 || open.st_ino != file.st_ino ||
-            open.st_dev != file.st_dev) {
+        struct stat target;
+        if (::fstatat(fdDirFd, fd, &target, 0) != 0 || target.st_ino != file.st_ino ||
+            target.st_dev != file.st_dev) {
             return;
         }
         char fdinfo[64];
