@@ -1,8 +1,7 @@
 #include <Kelvo/MappingsCpp.h>
 #include <Kelvo/UtilCpp.h>
 
-#include "OsTestSupport.h"
-#include "ProcTestChild.h"
+#include "TestSupport.h"
 #include "ProcUtilImpl.h"
 
 #include <sys/mman.h>

@@ -2,8 +2,7 @@
 #include <Kelvo/ProcUtilCpp.h>
 #include <Kelvo/UtilCpp.h>
 
-#include "OsTestSupport.h"
-#include "ProcTestChild.h"
+#include "TestSupport.h"
 #include "ProcUtilImpl.h"
 
 #include <spawn.h>
@@ -247,7 +246,7 @@ TEST_F(ProcUtil, CoreDumpFilterRoundTripsAndRefusesUnknownBits) {
                     childCheck(Util::coreDumpFilterIs(h_, Util::coreDumpFilterBits));
                     childCheck(Util::coreDumpFilter(h_) == Util::coreDumpFilterBits);
                     return 0;
-                }),
+                }).text(),
                 AllOf(HasSubstr("refusing coredump_filter 0x211: bits 0x200 are unknown"),
                       EndsWith("exit 0")));
 }
@@ -265,14 +264,15 @@ TEST_F(ProcUtil, AnUnprivilegedCallerGetsNoAnswerForWhatItCannotSee) {
         Util::createAndBindSocket(quiet_, name);
         return fmt::format("{}", static_cast<void*>(new Probe));
     });
-    const std::string output = runInChild([&] {
-        const std::string pid = std::to_string(holder.pid());
-        const std::string lockFile = path("hidden.lock");
-        ::execl("/usr/bin/setpriv", "setpriv", "--reuid", "65534", "--regid", "65534",
-                "--clear-groups", probe.c_str(), pid.c_str(), lockFile.c_str(), name.c_str(),
-                holder.report().c_str(), nullptr);
-        return 1;
-    });
+    const std::string output =
+        runInChild([&] {
+            const std::string pid = std::to_string(holder.pid());
+            const std::string lockFile = path("hidden.lock");
+            ::execl("/usr/bin/setpriv", "setpriv", "--reuid", "65534", "--regid", "65534",
+                    "--clear-groups", probe.c_str(), pid.c_str(), lockFile.c_str(), name.c_str(),
+                    holder.report().c_str(), nullptr);
+            return 1;
+        }).text();
     EXPECT_EQ(output,
               "title: test_ProcUtil\nlockOwners: unknown\nsocketOwners: unknown\n"
               "mappings: unknown\ntype: unknown\nownLock: self\nexit 0");

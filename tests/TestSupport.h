@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -20,6 +21,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -164,6 +166,15 @@ inline void childCheck(bool ok, int line = __builtin_LINE()) {
         throw std::runtime_error("check failed on line " + std::to_string(line));
 }
 
+// A fresh "OsTest" handle tracing exactly the given levels.
+inline std::shared_ptr<Kelvo::Platform::DebugHandler> handleWithLevels(
+    std::initializer_list<unsigned> levels) {
+    auto handle = Kelvo::Platform::getDebugHandler("OsTest");
+    for (unsigned level = 0; level < 10; ++level)
+        handle->enabledIs(level, std::find(levels.begin(), levels.end(), level) != levels.end());
+    return handle;
+}
+
 // A case with a scratch directory and a handle tracing levels 0, 1, 2 and 5.
 // It must leave the descriptor table as it found it.
 class OsTest : public ::testing::Test {
@@ -171,8 +182,6 @@ class OsTest : public ::testing::Test {
     OsTest() {
         std::string pattern = std::filesystem::temp_directory_path() / "kelvo-test-XXXXXX";
         dir_ = ::mkdtemp(pattern.data()) ? pattern : "/nonexistent-scratch";
-        for (unsigned level = 0; level < 10; ++level)
-            h_.enabledIs(level, level <= 2 || level == 5);
     }
     ~OsTest() override {
         std::error_code ignored;
@@ -189,8 +198,7 @@ class OsTest : public ::testing::Test {
     std::string path(const std::string& name) const { return dir_ + "/" + name; }
 
     std::string dir_;
-    std::shared_ptr<Kelvo::Platform::DebugHandler> handle_ =
-        Kelvo::Platform::getDebugHandler("OsTest");
+    std::shared_ptr<Kelvo::Platform::DebugHandler> handle_ = handleWithLevels({0, 1, 2, 5});
     Kelvo::Platform::DebugHandler& h_ = *handle_;
 
   private:
@@ -249,6 +257,86 @@ struct Pipe {
     int fds[2];
     Pipe() { EXPECT_EQ(::pipe(fds), 0); }
     ~Pipe() { ::close(fds[0]), ::close(fds[1]); }
+};
+
+// A child process that takes something (a lock, a socket, a mapping), reports
+// on it to the parent in one line, and holds it until the parent lets it go:
+// the subject that the /proc readers are tested against.
+class HeldChild {
+  public:
+    // Forks a child that runs setup and sends the parent its result. The
+    // child and any process it forks see the end of the hold pipe when
+    // release() closes it (or die after 60 s), and then exit.
+    explicit HeldChild(const std::function<std::string()>& setup) {
+        int ready[2], hold[2];
+        if (::pipe2(ready, O_CLOEXEC) != 0 || ::pipe2(hold, O_CLOEXEC) != 0) {
+            report_ = "error: pipe2";
+            return;
+        }
+        pid_ = ::fork();
+        if (pid_ == 0) {
+            ::alarm(60);
+            ::close(ready[0]);
+            ::close(hold[1]);
+            // Another child's hold pipe kept open here would outlive its release.
+            for (int fd : holdFds()) {
+                ::close(fd);
+            }
+            std::string line;
+            try {
+                line = setup();
+            } catch (const std::exception& e) {
+                line = std::string("error: ") + e.what();
+            }
+            line += '\n';
+            (void)!::write(ready[1], line.data(), line.size());
+            char byte;
+            while (::read(hold[0], &byte, 1) != 0) {
+            }
+            ::_exit(0);
+        }
+        ::close(ready[1]);
+        ::close(hold[0]);
+        holdFd_ = hold[1];
+        holdFds().insert(holdFd_);
+        // The child's line, or what arrived of it within 30 s.
+        struct pollfd wait = {ready[0], POLLIN, 0};
+        char byte;
+        while (::poll(&wait, 1, 30000) == 1 && ::read(ready[0], &byte, 1) == 1 && byte != '\n') {
+            report_ += byte;
+        }
+        ::close(ready[0]);
+    }
+    ~HeldChild() { release(); }
+    HeldChild(const HeldChild&) = delete;
+    HeldChild& operator=(const HeldChild&) = delete;
+
+    pid_t pid() const { return pid_; }
+    const std::string& report() const { return report_; }
+    // Lets the child go and reaps it.
+    void release() {
+        if (holdFd_ >= 0) {
+            holdFds().erase(holdFd_);
+            ::close(holdFd_);
+            holdFd_ = -1;
+        }
+        if (pid_ > 0) {
+            ::waitpid(pid_, nullptr, 0);
+        }
+        pid_ = -1;
+    }
+
+  private:
+    // The write ends of the hold pipes of the children alive, which each new
+    // child closes.
+    static std::set<int>& holdFds() {
+        static std::set<int> fds;
+        return fds;
+    }
+
+    pid_t pid_ = -1;
+    int holdFd_ = -1;
+    std::string report_;
 };
 
 }  // namespace KelvoTest
