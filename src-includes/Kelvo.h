@@ -21,6 +21,7 @@
 #include "PlatformCpp.h"
 #include "PluginCpp.h"
 #include "RandomCpp.h"
+#include "Task.h"
 #include "TaskSchedulerCpp.h"
 #include "ThreadCpp.h"
 #include "Timeout.h"

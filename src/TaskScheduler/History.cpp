@@ -59,6 +59,20 @@ String TaskSchedulerHistory::Event::display() const {
 
 TaskSchedulerHistory::TaskSchedulerHistory(unsigned capacity) : events_(capacity) {}
 
+void TaskSchedulerHistory::insert(const TaskTimePoint& when, TaskSchedulerEventType type,
+                                  const _TaskBase* task) {
+    KELVO_SCHED_ASSERTM(type <= TaskSchedulerEventType::del, "unexpected eventType={}",
+                        static_cast<unsigned>(type));
+    insert(when, type, task->taskHistoryName());
+}
+
+void TaskSchedulerHistory::insert(const TaskTimePoint& when, TaskSchedulerEventType type,
+                                  const TaskScheduler* scheduler) {
+    KELVO_SCHED_ASSERTM(type >= TaskSchedulerEventType::schedulerIdle, "EventType: {}",
+                        static_cast<unsigned>(type));
+    insert(when, type, scheduler->nameRef());
+}
+
 void TaskSchedulerHistory::capacityIs(unsigned n) {
     if (n != capacity()) {
         // Keeps the elements nearest the front, which are the newest.

@@ -3,6 +3,8 @@
 
 #include <Kelvo/FmtraceCpp.h>
 
+#include <fmt/chrono.h>
+
 #include <memory>
 #include <utility>
 
@@ -36,6 +38,10 @@ std::shared_ptr<T> makeSchedulerShared(Args&&... args) {
 
 // The module's trace handle, "KelvoTaskScheduler".
 const std::shared_ptr<Platform::DebugHandler>& schedulerTrace();
+
+// Invariants whose failure must stop the process even when assertions
+// throw: writes "TaskSchedulerCpp: <text>" to standard error and aborts.
+[[noreturn]] void schedulerHardAssertFail(const String& text) noexcept;
 
 }  // namespace Impl
 }  // namespace Kelvo
