@@ -282,8 +282,10 @@ class KELVO_EXPORT TaskScheduler : public std::enable_shared_from_this<TaskSched
     // How one run ended, for drivers that run several per turn.
     enum class RunOutcome : uint8_t { idle, suspended, ran, usedQuantum };
     // One run; the follow-up run request is made only when asked for (and
-    // always when the task throws).
-    RunOutcome runOne(bool requestFollowUp);
+    // always when the task throws). start, when given, is a steady time read
+    // just before (the end of the previous run of a batch) and saves a clock
+    // read; the run's end time is stored back into it.
+    RunOutcome runOne(bool requestFollowUp, TaskTimePoint* start = nullptr);
     // Requests the next run, stamping its request time.
     void requestRunAfter(const TaskTimePoint& end);
 

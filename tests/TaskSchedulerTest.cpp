@@ -1,3 +1,4 @@
+#include <Kelvo/LibeventFactoryCpp.h>
 #include <Kelvo/TaskSchedulerCpp.h>
 
 #include <fcntl.h>
@@ -719,30 +720,37 @@ TEST_F(Scheduler, AgreesWithAReferenceModelOverRandomOperations) {
 // ---------------------------------------------------------------------------
 // Threads
 
+// The threads here free their loop when done: the base of a thread's loop
+// is not released at thread exit, so these threads use roots of their own
+// rather than the thread-local one, which would outlive the loop.
 TEST(SchedulerThreads, FourRootsRunTheirOwnTasksConcurrently) {
     constexpr int threads = 4, tasksPerThread = 1000, runsPerTask = 3;
     std::vector<std::future<int>> done;
     for (int t = 0; t < threads; ++t) {
         done.push_back(std::async(std::launch::async, [] {
-            useThreadLocalSingletons();
-            const auto& root = schedulerRootKelvo();
             int total = 0;
-            std::vector<std::shared_ptr<Probe>> tasks;
-            for (int i = 0; i < tasksPerThread; ++i) {
-                tasks.push_back(probe(root, P(unsigned(i % 5)), "w", [&](Probe& self) {
-                    ++total;
-                    if (self.runs < runsPerTask)
-                        self.scheduleTask();
-                }));
-                tasks.back()->scheduleTask();
+            {
+                auto root = schedulerRootKelvoNonShared("worker");
+                std::vector<std::shared_ptr<Probe>> tasks;
+                for (int i = 0; i < tasksPerThread; ++i) {
+                    tasks.push_back(probe(root, P(unsigned(i % 5)), "w", [&](Probe& self) {
+                        ++total;
+                        if (self.runs < runsPerTask)
+                            self.scheduleTask();
+                    }));
+                    tasks.back()->scheduleTask();
+                }
+                Platform::doEventLoop();
             }
-            Platform::doEventLoop();
-            tasks.clear();
-            return root->name() == fmt::format("thread:{}", Kelvo::gettid()) ? total : -1;
+            leFree();
+            return total;
         }));
     }
     for (auto& d : done)
         EXPECT_EQ(d.get(), tasksPerThread * runsPerTask);
+    const auto& main = schedulerRootKelvo();
+    EXPECT_EQ(main->name(), "main");
+    EXPECT_EQ(&schedulerRootKelvo(), &main);
 }
 
 TEST(SchedulerThreads, WrongThreadFailsWithTheFullMessage) {
@@ -752,9 +760,12 @@ TEST(SchedulerThreads, WrongThreadFailsWithTheFullMessage) {
     std::thread owner([&] {
         threadNameIs("schedOwner");
         ownerId = std::to_string(static_cast<unsigned long>(pthread_self()));
-        auto task = probe(schedulerRootKelvo(), P::normal, "foreign");
-        created.set_value(task);
-        tried.get_future().wait();
+        {
+            auto task = probe(schedulerRootKelvoNonShared("owner"), P::normal, "foreign");
+            created.set_value(task);
+            tried.get_future().wait();
+        }
+        leFree();
     });
     auto task = created.get_future().get();
     const std::string text = KelvoTest::assertionText([&] { task->scheduleTask(); });

@@ -253,8 +253,8 @@ void TaskScheduler::handleSchedulerRun() {
     runOne(true);
 }
 
-TaskScheduler::RunOutcome TaskScheduler::runOne(bool requestFollowUp) {
-    const TaskTimePoint now = steadyNow();
+TaskScheduler::RunOutcome TaskScheduler::runOne(bool requestFollowUp, TaskTimePoint* start) {
+    const TaskTimePoint now = start ? *start : steadyNow();
     checkSchedulerLatency(now);
     if (root_->suspended()) {
         KELVO_TRACEM(Impl::schedulerTrace(), 8, "{} Suspended", *this);
@@ -284,6 +284,12 @@ TaskScheduler::RunOutcome TaskScheduler::runOne(bool requestFollowUp) {
         end - now >= task->taskQuantum() ? RunOutcome::usedQuantum : RunOutcome::ran;
     if (requestFollowUp) {
         requestRunAfter(end);
+    } else {
+        // The next run of the batch follows at once: its slip counts from here.
+        lastRequestTime_ = end;
+    }
+    if (start) {
+        *start = end;
     }
     currentTask_ = nullptr;
     currentTaskRef_.reset();
@@ -299,19 +305,25 @@ TaskTimePoint TaskScheduler::taskDoRun(TaskImpl& task, const TaskTimePoint& now)
         root_->virtualRunStartIs(Kelvo::time());
     }
     ++task.runCount_;
-    task.currentlyRunning_ = true;
+    // The task may be destroyed inside its run, and then it is no object any
+    // more: after the call only these two words are touched, through plain
+    // pointers, until the magic number has shown that it is still alive.
+    bool* const running = &task.currentlyRunning_;
+    const uint32_t* const magic = &task.magic_;
+    *running = true;
     try {
         task.taskExecute();
     } catch (...) {
-        task.currentlyRunning_ = false;
-        task.taskBusyIs(task.taskScheduled(), steadyNow());
+        *running = false;
+        if (*magic == TaskImpl::taskMagicNumberConstructed) {
+            task.taskBusyIs(task.taskScheduled(), steadyNow());
+        }
         throw;
     }
-    task.currentlyRunning_ = false;
-    // A task destroyed inside its own run: its name is gone, its address is not.
-    KELVO_SCHED_ASSERTM(task.magic_ == TaskImpl::taskMagicNumberConstructed,
+    *running = false;
+    KELVO_SCHED_ASSERTM(*magic == TaskImpl::taskMagicNumberConstructed,
                         "Task: {} taskMagicNumber: {} taskMagicNumberConstructed: {}",
-                        static_cast<const void*>(&task), task.magic_,
+                        static_cast<const void*>(&task), *magic,
                         TaskImpl::taskMagicNumberConstructed);
     const TaskTimePoint end = steadyNow();
     const TaskTimeDuration used = end - now;

@@ -91,12 +91,15 @@ void TaskSchedulerRoot::callback() {
     if (isMainThread_ && Platform::fastForward() != virtualTime_) {
         virtualTimeIs(Platform::fastForward());
     }
+    // Each run of the batch starts at the previous one's end: the clock is
+    // read once per task, not twice.
+    TaskTimePoint clock = steadyNow();
     for (unsigned run = 1;; ++run) {
         const bool last = run >= runsPerCallback_;
-        const RunOutcome outcome = runOne(last);
+        const RunOutcome outcome = runOne(last, &clock);
         if (outcome == RunOutcome::usedQuantum && !last) {
             // A long task has delayed the loop enough: let it serve events.
-            requestRunAfter(steadyNow());
+            requestRunAfter(clock);
         }
         if (outcome != RunOutcome::ran || last) {
             return;
