@@ -434,7 +434,8 @@ inline TaskTimePoint TaskScheduler::steadyNow() const {
 }
 
 // The calling thread's root, created on first use ("main" on the main
-// thread, else "thread:<tid>") and released at thread exit.
+// thread, else "thread:<tid>") and released at thread exit, before the
+// thread's loop (whose base the root's construction created first).
 KELVO_EXPORT const std::shared_ptr<TaskSchedulerRoot>& schedulerRootKelvo();
 // A separate root on the calling thread.
 KELVO_EXPORT std::shared_ptr<TaskSchedulerRoot> schedulerRootKelvoNonShared(const String& name);

@@ -86,28 +86,6 @@ TEST(TaskPriority, NamesCodesAndInvalidForms) {
     EXPECT_TRUE(TaskMaybeU32(0).isSet());
 }
 
-TEST(TaskStat, StatusStringIsTwoCharacters) {
-    struct Case {
-        uint8_t bits;
-        P priority;
-        const char* text;
-    } cases[] = {
-        {Status::currentlyRunning | Status::onRunQueue, P::normal, "*N"},
-        {Status::currentlyRunning, P::normal, "*n"},
-        {Status::currentlyRunning | Status::suspended | Status::timer, P::low, "*l"},
-        {Status::suspended | Status::timer, P::high, "Sh"},
-        {Status::timer | Status::timerRunning | Status::onRunQueue, P::low, "TL"},
-        {Status::timer, P::scavenge, "ts"},
-        {Status::onRunQueue, P::absolute, " A"},
-        {0, P::absolute, " a"},
-    };
-    for (const Case& c : cases) {
-        TaskStat stat(ConstStringRef(), TaskKey(), c.priority, 0, 0ns, 0, 0, TaskMaybeU32(), 0,
-                      TaskMaybeU32(), 0, 0, 0ns, 0ns, 0ns, Status(c.bits));
-        EXPECT_EQ(stat.taskStatusString(), c.text) << int(c.bits);
-    }
-}
-
 TEST(TaskStat, MergingFoldsFinishedTasksOfOneName) {
     ConstStringCache names;
     auto record = [&](const char* name, unsigned runs, TaskMaybeU32 workHigh, float avg,
@@ -135,13 +113,6 @@ TEST(TaskStat, MergingFoldsFinishedTasksOfOneName) {
     TaskSchedulerPriorityStats high{P::high, 1, 2, 3, 4}, normal{P::normal, 1, 1, 1, 1};
     EXPECT_THAT(KelvoTest::assertionText([&] { high += normal; }),
                 ::testing::EndsWith("high != normal"));
-    TaskSchedulerQueueStats a, b;
-    a.emplace(P::high, high);
-    b.emplace(P::high, high);
-    b.emplace(P::normal, normal);
-    a += b;
-    EXPECT_EQ(a.at(P::high).totalRunCount, 8u);
-    EXPECT_EQ(a.at(P::normal).runnableTasks, 1u);
 }
 
 TEST_F(Stats, WorkCountsAndPendingWork) {
