@@ -90,6 +90,10 @@ void TaskImpl::construct() {
 
 TaskImpl::~TaskImpl() {
     taskForceYieldInTestIs(false);
+    // A ratio inherited from the root leaves the scheduler's set here too.
+    if (effectiveTestYieldRatio_ != 0) {
+        effectiveTestYieldRatioIs(0);
+    }
     unscheduleTask();
     // handleDestroy() may have unregistered the task already.
     if (taskRegisteredLink_.isLinked()) {
