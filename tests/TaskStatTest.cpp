@@ -80,10 +80,6 @@ TEST(TaskPriority, NamesCodesAndInvalidForms) {
         }
     }
     EXPECT_EQ(TaskKey(uint64_t(42)).toStrep(), "@42");
-    EXPECT_FALSE(TaskMaybeU32().isSet());
-    EXPECT_EQ(TaskMaybeU32(0xFFFFFFFF).raw(), 0xFFFFFFFEu);
-    EXPECT_EQ(TaskMaybeU32(0).valueOrZero(), 0u);
-    EXPECT_TRUE(TaskMaybeU32(0).isSet());
 }
 
 TEST(TaskStat, MergingFoldsFinishedTasksOfOneName) {
