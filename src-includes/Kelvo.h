@@ -24,6 +24,8 @@
 #include "PluginCpp.h"
 #include "ProcUtilCpp.h"
 #include "RandomCpp.h"
+#include "Task.h"
+#include "TaskSchedulerCpp.h"
 #include "ThreadCpp.h"
 #include "Timeout.h"
 #include "TimerWheelCpp.h"

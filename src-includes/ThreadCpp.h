@@ -27,6 +27,14 @@ KELVO_EXPORT String toThreadIdString(std::thread::id id);
 KELVO_EXPORT void useThreadLocalSingletons();
 // Locks the choice for this thread and returns it.
 KELVO_EXPORT bool hasThreadLocalSingletons() noexcept;
+// Auxiliary threads: threads that act on another thread's schedulers while
+// that thread waits for them (helpers of a blocking call, test drivers).
+// They register for as long as they do so; the schedulers' thread checks are
+// off while any is registered. Any thread; the count is an atomic.
+KELVO_EXPORT void auxiliaryThreadRegister() noexcept;
+KELVO_EXPORT void auxiliaryThreadUnregister() noexcept;
+KELVO_EXPORT bool auxiliaryThreadsRegistered() noexcept;
+
 // Accepted for compatibility; has no effect.
 KELVO_EXPORT void threadSafePointerIs(bool threadSafe) noexcept;
 

@@ -5,6 +5,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
 #include <sstream>
 
@@ -79,6 +80,22 @@ void useThreadLocalSingletons() {
 bool hasThreadLocalSingletons() noexcept {
     threadLocalSingletonsLocked_ = true;
     return threadLocalSingletons_;
+}
+
+namespace {
+std::atomic<unsigned> auxiliaryThreads{0};
+}  // namespace
+
+void auxiliaryThreadRegister() noexcept {
+    auxiliaryThreads.fetch_add(1, std::memory_order_relaxed);
+}
+
+void auxiliaryThreadUnregister() noexcept {
+    auxiliaryThreads.fetch_sub(1, std::memory_order_relaxed);
+}
+
+bool auxiliaryThreadsRegistered() noexcept {
+    return auxiliaryThreads.load(std::memory_order_relaxed) != 0;
 }
 
 void threadSafePointerIs(bool) noexcept {}

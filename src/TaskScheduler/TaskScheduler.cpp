@@ -1,0 +1,477 @@
+// The run queues, the run of one task, registration and the scheduler-wide
+// statistics. The numbered invariants are those of TaskSchedulerCpp.h.
+#include <Kelvo/TaskSchedulerCpp.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "TaskScheduler/TaskSchedulerImpl.h"
+
+namespace Kelvo {
+
+namespace {
+
+using Type = TaskSchedulerEventType;
+
+// Anti-starvation weights of the queues that may be given a turn.
+constexpr uint64_t bumpWeight[TaskPriority::oneBeyondLast] = {0, 64, 8, 1, 0};
+
+}  // namespace
+
+namespace Impl {
+
+void schedulerHardAssertFail(const String& text) noexcept {
+    std::fprintf(stderr, "TaskSchedulerCpp: %s\n", text.c_str());
+    std::fflush(stderr);
+    std::abort();
+}
+
+}  // namespace Impl
+
+// Resets the statistics of a scheduler's tasks a few per run (see resetStats).
+class TaskScheduler::ResetStatsTask : public Task {
+  public:
+    explicit ResetStatsTask(TaskScheduler* scheduler)
+        : Task(scheduler, TaskPriority::normal, scheduler->name() + ";ResetStats") {
+        includeInCompletedTaskIs(false);
+    }
+    void taskExecute() override { scheduler()->handleResetStatsTaskRun(*this); }
+};
+
+TaskScheduler::TaskScheduler(const String& name, TaskSchedulerRoot* root,
+                             std::shared_ptr<TaskSchedulerHistory> history)
+    : root_(root), history_(std::move(history)) {
+    name_ = history_->stringCache().intern(name);
+}
+
+TaskScheduler::~TaskScheduler() {
+    // The name lives in the history's cache, which may go with history_.
+    completedTaskStats_.clear();
+    name_.release();
+}
+
+bool TaskScheduler::resetStatsInProgress() const {
+    return resetTask_ && resetTask_->taskScheduled();
+}
+
+TaskRunQueue& TaskScheduler::queueOf(TaskPriority priority) {
+    KELVO_SCHED_ASSERTM(priority.valid(), "Priority: {} out of range", priority);
+    return runQueues_[priority.value()];
+}
+
+const TaskRunQueue& TaskScheduler::runQueue(TaskPriority priority) const {
+    return const_cast<TaskScheduler*>(this)->queueOf(priority);
+}
+
+// ---------------------------------------------------------------------------
+// Registration
+
+void TaskScheduler::taskRegister(TaskImpl* task) {
+    sanityCheckCurrentRunningThread();
+    KELVO_SCHED_ASSERTM(task->taskPriority().valid(), "Task: {} priority: {}", *task,
+                        task->taskPriority());
+    KELVO_TRACEM(Impl::schedulerTrace(), 4, "{} Register {}", *this, *task);
+    KELVO_SCHED_ASSERTM(!task->taskRegisteredLink_.isLinked(), "Task: {} already registered",
+                        *task);
+    registry_.pushFront(*task);
+    ++tasksPerPriority_[task->taskPriority().value()];
+    task->taskHistoryInsert(steadyNow(), Type::create);
+}
+
+void TaskScheduler::taskUnregister(TaskImpl* task) {
+    sanityCheckCurrentRunningThread();
+    KELVO_TRACEM(Impl::schedulerTrace(), 4, "{} Unregister {}", *this, *task);
+    KELVO_SCHED_ASSERTM(!task->taskScheduled(), "Task: {} scheduled on unregister", *task);
+    KELVO_SCHED_ASSERTM(task->taskRegisteredLink_.isLinked(), "Task: {} not registered", *task);
+    updateCompletedTaskStats(task);
+    TaskRegistry::remove(*task);
+    task->taskHistoryInsert(steadyNow(), Type::del);
+}
+
+// ---------------------------------------------------------------------------
+// Run queues
+
+void TaskScheduler::runQueueAppend(TaskImpl& task, const TaskTimePoint& now) {
+    TaskRunQueue& queue = queueOf(task.taskPriority());
+    task.enqueueTime_ = now;
+    queue.persistent.pushBack(task);
+    ++queue.enqueued;
+}
+
+void TaskScheduler::runQueueUnlink(TaskImpl& task, const TaskTimePoint& now) {
+    KELVO_SCHED_ASSERTM(task.taskScheduled(), "Task: {} not on run queue", task);
+    TaskRunQueue& queue = queueOf(task.taskPriority());
+    task.doUpdateSchedulingLatency(now);
+    TaskRunQueueList::remove(task);
+    --queue.enqueued;
+}
+
+uint32_t TaskScheduler::runnableTaskCount(TaskPriority priority) const {
+    if (!priority.valid()) {
+        Impl::schedulerHardAssertFail(fmt::format("{}", priority));
+    }
+    const TaskRunQueue& queue = runQueues_[priority.value()];
+    const int64_t runnable = static_cast<int64_t>(queue.enqueued - queue.dequeued);
+    KELVO_SCHED_ASSERTM(runnable >= 0, "Priority: {} runnableTasks: {}", priority, runnable);
+    return static_cast<uint32_t>(runnable);
+}
+
+uint32_t TaskScheduler::runnableTaskCount() const {
+    uint32_t count = 0;
+    for (unsigned p = 0; p < TaskPriority::oneBeyondLast; ++p) {
+        count += runnableTaskCount(TaskPriority(p));
+    }
+    return count;
+}
+
+uint32_t TaskScheduler::runTaskCount(TaskPriority priority) const {
+    if (!priority.valid()) {
+        Impl::schedulerHardAssertFail(fmt::format("{}", priority));
+    }
+    return static_cast<uint32_t>(runQueues_[priority.value()].dequeued -
+                                 runCountAtClear_[priority.value()]);
+}
+
+uint32_t TaskScheduler::tasksPerPriority(TaskPriority priority) const {
+    KELVO_SCHED_ASSERTM(priority.valid(), "Priority: {} out of range", priority);
+    return tasksPerPriority_[priority.value()];
+}
+
+uint32_t TaskScheduler::completedTasksPerPriority(TaskPriority priority) const {
+    KELVO_SCHED_ASSERTM(priority.valid(), "Priority: {} out of range", priority);
+    return completedTasksPerPriority_[priority.value()];
+}
+
+TaskSchedulerQueueStats TaskScheduler::queueStats() const {
+    TaskSchedulerQueueStats stats;
+    for (unsigned p = 0; p < TaskPriority::oneBeyondLast; ++p) {
+        const TaskPriority priority(p);
+        TaskSchedulerPriorityStats entry;
+        entry.priority = priority;
+        entry.runnableTasks = runnableTaskCount(priority);
+        entry.idleTasks = tasksPerPriority(priority) - entry.runnableTasks;
+        entry.completedTasks = completedTasksPerPriority(priority);
+        entry.totalRunCount = runTaskCount(priority);
+        if (!stats.emplace(priority, entry).second) {
+            Impl::schedulerHardAssertFail(fmt::format("Priority: {} insert failed", priority));
+        }
+    }
+    return stats;
+}
+
+bool TaskScheduler::attemptLowerPriorityBump(TaskPriority p, uint32_t n) const {
+    if (p != TaskPriority::high && p != TaskPriority::normal) {
+        return false;
+    }
+    uint64_t lowerWeight = 0;
+    for (unsigned q = p.value() + 1u; q <= TaskPriority::low; ++q) {
+        lowerWeight += runnableTaskCount(TaskPriority(q)) * bumpWeight[q];
+    }
+    return lowerWeight != 0 &&
+           uint64_t(n) * lowerWeight > runnableTaskCount(p) * bumpWeight[p.value()];
+}
+
+TaskImpl* TaskScheduler::pickOneTask(const TaskTimePoint& now, TaskPriority priority) {
+    for (unsigned p = priority.value(); p <= TaskPriority::scavenge; ++p) {
+        TaskRunQueue& queue = runQueues_[p];
+        if (queue.active->empty()) {
+            queue.consecutivePicks = 0;
+            continue;
+        }
+        if (attemptLowerPriorityBump(TaskPriority(p), queue.consecutivePicks)) {
+            if (TaskImpl* lower = pickOneTask(now, TaskPriority(p + 1))) {
+                queue.consecutivePicks = 0;
+                return lower;
+            }
+        }
+        ++queue.consecutivePicks;
+        TaskImpl& task = queue.active->front();
+        task.doUpdateSchedulingLatency(now);
+        TaskRunQueueList::remove(task);
+        ++queue.dequeued;
+        return &task;
+    }
+    return nullptr;
+}
+
+void TaskScheduler::taskRunQueuesMovePersistentToTemporary() {
+    for (TaskRunQueue& queue : runQueues_) {
+        KELVO_SCHED_ASSERTM(queue.temporary.empty(),
+                            "The temporary run queue should always be empty at this point");
+        while (!queue.persistent.empty()) {
+            queue.temporary.pushBack(queue.persistent.popFront());
+        }
+        queue.active = &queue.temporary;
+    }
+}
+
+void TaskScheduler::taskRunQueuesMoveTemporaryToPersistent() {
+    for (TaskRunQueue& queue : runQueues_) {
+        // Ahead of the tasks queued meanwhile, in their old order.
+        const TaskRunQueueList::ConstIterator first = queue.persistent.begin();
+        while (!queue.temporary.empty()) {
+            queue.persistent.insertBefore(first, queue.temporary.popFront());
+        }
+        KELVO_SCHED_ASSERTM(queue.temporary.empty(),
+                            "The temporary run queue should always be empty at this point");
+        queue.active = &queue.persistent;
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Running
+
+void TaskScheduler::schedulerHasRunnableTasksIs(bool runnable, const TaskTimePoint& now) {
+    if (runnable == hasRunnableTasks_) {
+        return;
+    }
+    hasRunnableTasks_ = runnable;
+    if (runnable) {
+        KELVO_TRACEM(Impl::schedulerTrace(), 8, "{} Scheduler has runnable tasks, request run",
+                     *this);
+        history_->insert(now, Type::schedulerRunnable, this);
+        lastRequestTime_ = now;
+        requestSchedulerRun();
+    } else {
+        history_->insert(now, Type::schedulerIdle, this);
+        KELVO_TRACEM(Impl::schedulerTrace(), 8, "{} Scheduler idle", *this);
+    }
+}
+
+void TaskScheduler::checkSchedulerLatency(const TaskTimePoint& now) {
+    runStart_ = now;
+    maxSchedulerSlip_ = std::max(maxSchedulerSlip_, now - lastRequestTime_);
+}
+
+void TaskScheduler::requestRunAfter(const TaskTimePoint& end) {
+    KELVO_TRACEM(Impl::schedulerTrace(), 9, "{} Scheduler completed task, request run", *this);
+    lastRequestTime_ = end;
+    requestSchedulerRun();
+}
+
+void TaskScheduler::handleSchedulerRun() {
+    runOne(true);
+}
+
+TaskScheduler::RunOutcome TaskScheduler::runOne(bool requestFollowUp, TaskTimePoint* start) {
+    const TaskTimePoint now = start ? *start : steadyNow();
+    checkSchedulerLatency(now);
+    if (root_->suspended()) {
+        KELVO_TRACEM(Impl::schedulerTrace(), 8, "{} Suspended", *this);
+        history_->insert(now, Type::schedulerRunIgnoredWhileSuspended, this);
+        return RunOutcome::suspended;
+    }
+    TaskImpl* task = pickOneTask(now, TaskPriority::absolute);
+    if (task == nullptr) {
+        schedulerHasRunnableTasksIs(false, now);
+        return RunOutcome::idle;
+    }
+    currentTask_ = task;
+    currentTaskRef_ = task->weak_from_this().lock();
+    TaskTimePoint end;
+    try {
+        end = taskDoRun(*task, now);
+    } catch (...) {
+        // Invariant 4: the scheduler still believes it has runnable tasks,
+        // so no later scheduleTask() would request a run; request it here.
+        requestRunAfter(steadyNow());
+        currentTask_ = nullptr;
+        currentTaskRef_.reset();
+        throw;
+    }
+    // Read before the reference goes: the task may not outlive it.
+    const RunOutcome outcome =
+        end - now >= task->taskQuantum() ? RunOutcome::usedQuantum : RunOutcome::ran;
+    if (requestFollowUp) {
+        requestRunAfter(end);
+    } else {
+        // The next run of the batch follows at once: its slip counts from here.
+        lastRequestTime_ = end;
+    }
+    if (start) {
+        *start = end;
+    }
+    currentTask_ = nullptr;
+    currentTaskRef_.reset();
+    return outcome;
+}
+
+TaskTimePoint TaskScheduler::taskDoRun(TaskImpl& task, const TaskTimePoint& now) {
+    task.taskHistoryInsert(now, Type::runStart);
+    KELVO_SCHED_ASSERTM(!task.taskScheduled(), "Task: {} still on run queue", task);
+    KELVO_TRACEM(Impl::schedulerTrace(), 8, "Running {}", task);
+    task.runStart_ = now;
+    if (root_->virtualTime()) {
+        root_->virtualRunStartIs(Kelvo::time());
+    }
+    ++task.runCount_;
+    // The task may be destroyed inside its run, and then it is no object any
+    // more: after the call only these two words are touched, through plain
+    // pointers, until the magic number has shown that it is still alive.
+    bool* const running = &task.currentlyRunning_;
+    const uint32_t* const magic = &task.magic_;
+    *running = true;
+    try {
+        task.taskExecute();
+    } catch (...) {
+        *running = false;
+        if (*magic == TaskImpl::taskMagicNumberConstructed) {
+            task.taskBusyIs(task.taskScheduled(), steadyNow());
+        }
+        throw;
+    }
+    *running = false;
+    KELVO_SCHED_ASSERTM(*magic == TaskImpl::taskMagicNumberConstructed,
+                        "Task: {} taskMagicNumber: {} taskMagicNumberConstructed: {}",
+                        static_cast<const void*>(&task), *magic,
+                        TaskImpl::taskMagicNumberConstructed);
+    const TaskTimePoint end = steadyNow();
+    const TaskTimeDuration used = end - now;
+    const TaskTimeDuration quantum = task.quantum_;
+    if (quantum.count() != 0 && used >= 2 * quantum) {
+        KELVO_TRACEM(Impl::schedulerTrace(), 5, "Ran {} used {} {}% violation", task, used,
+                     static_cast<int64_t>(static_cast<double>(used.count()) /
+                                          static_cast<double>(quantum.count()) * 100));
+        if (used < 5 * quantum) {
+            ++task.quantumViolation200_;
+        } else {
+            ++task.quantumViolation500_;
+        }
+    } else {
+        KELVO_TRACEM(Impl::schedulerTrace(), 7, "Ran {} used {}", task, used);
+    }
+    task.runTimeHighWaterMark_ = std::max(task.runTimeHighWaterMark_, used);
+    task.totalRunTime_ += used;
+    task.taskHistoryInsert(end, Type::runEnd);
+    task.taskBusyIs(task.taskScheduled(), end);
+    return end;
+}
+
+// ---------------------------------------------------------------------------
+// Yield modes and test yields
+
+void TaskScheduler::taskShouldYieldModeReevaluateAll() {
+    for (TaskImpl& task : registry_) {
+        task.taskShouldYieldModeReevaluate();
+    }
+}
+
+void TaskScheduler::taskForceYieldInTestNotify(TaskImpl* task, bool on) {
+    const bool changed = on ? forceYieldTasks_.insert(task).second : forceYieldTasks_.erase(task);
+    if (changed) {
+        handleTaskForceYieldInTest();
+    }
+}
+
+void TaskScheduler::sanityCheckCurrentRunningThread() const {
+    root_->sanityCheckCurrentRunningThread();
+}
+
+// ---------------------------------------------------------------------------
+// Statistics
+
+unsigned TaskScheduler::getTaskStats(std::vector<TaskStat>* stats, bool includeNoRuns) const {
+    unsigned skipped = 0;
+    for (const TaskImpl& task : registry_) {
+        if (!includeNoRuns && task.taskRunCount() == 0) {
+            ++skipped;
+            continue;
+        }
+        stats->push_back(task.getStats());
+    }
+    return skipped;
+}
+
+unsigned TaskScheduler::getCompletedTaskStats(std::vector<TaskStat>* stats,
+                                              bool includeNoRuns) const {
+    unsigned skipped = 0;
+    for (const auto& [name, stat] : completedTaskStats_) {
+        if (!includeNoRuns && stat.taskRunCount() == 0) {
+            ++skipped;
+            continue;
+        }
+        stats->push_back(stat);
+    }
+    return skipped;
+}
+
+void TaskScheduler::completedTaskStatsInc(const ConstStringRef& name, TaskStat stat) {
+    auto entry = completedTaskStats_.find(name);
+    if (entry != completedTaskStats_.end()) {
+        entry->second += stat;
+    } else {
+        completedTaskStats_.emplace(name, std::move(stat));
+    }
+}
+
+void TaskScheduler::updateCompletedTaskStats(TaskImpl* task) {
+    const TaskPriority priority = task->taskPriority();
+    KELVO_SCHED_ASSERTM(priority.valid(), "Task: {} priority: {}", *task, priority);
+    if (task->includeInCompletedTask()) {
+        TaskStat stat = task->getStats();
+        stat.taskNameIs(task->taskStatsNameRef());
+        KELVO_SCHED_ASSERTM(stat.taskCompletedCount() == 0, "Task: {} completedCount: {}", *task,
+                            stat.taskCompletedCount());
+        stat.taskCompletedCountIs(1);
+        const ConstStringRef name = stat.taskNameRef();
+        completedTaskStatsInc(name, std::move(stat));
+        ++completedTasksPerPriority_[priority.value()];
+    }
+    // Every task leaves the count of its priority, included or not
+    // (invariant 5); otherwise excluded tasks would stay "idle" forever.
+    uint32_t& registered = tasksPerPriority_[priority.value()];
+    KELVO_SCHED_ASSERTM(registered != 0, "Task: {} tasksPerPriority: {}", *task, registered);
+    --registered;
+}
+
+void TaskScheduler::clearStatsCommon() {
+    maxSchedulerSlip_ = TaskTimeDuration(0);
+    for (unsigned p = 0; p < TaskPriority::oneBeyondLast; ++p) {
+        runCountAtClear_[p] = runQueues_[p].dequeued;
+    }
+    completedTaskStats_.clear();
+    completedTasksPerPriority_ = {};
+}
+
+void TaskScheduler::clearStats() {
+    clearStatsCommon();
+    for (TaskImpl& task : registry_) {
+        task.resetStats();
+    }
+}
+
+void TaskScheduler::resetStats() {
+    if (!resetTask_) {
+        resetTask_ = allocateShared<ResetStatsTask>(this);
+    }
+    // A reset asked for during another starts the walk again.
+    resetBookmark_.unlink();
+    registry_.pushFront(resetBookmark_);
+    resetTask_->scheduleTask();
+}
+
+void TaskScheduler::handleResetStatsTaskRun(TaskImpl& resetTask) {
+    TaskRegistry::Iterator task(registry_, resetBookmark_);
+    resetBookmark_.unlink();
+    unsigned reset = 0;
+    for (; task != registry_.end(); ++task) {
+        if (reset > 0 && resetTask.taskShouldYield()) {
+            break;
+        }
+        task->resetStats();
+        ++reset;
+    }
+    resetTask.taskWorkCountInc(reset);
+    if (task != registry_.end()) {
+        resetBookmark_.insertBefore(task);
+        resetTask.scheduleTask();
+        return;
+    }
+    clearStatsCommon();
+    // The reset task holds a share of this scheduler; kept past its walk it
+    // would keep the scheduler alive for ever. The run loop's reference
+    // keeps it alive to the end of this run.
+    resetTask_.reset();
+}
+
+}  // namespace Kelvo

@@ -1,0 +1,703 @@
+#include <Kelvo/LibeventFactoryCpp.h>
+#include <Kelvo/TaskSchedulerCpp.h>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <deque>
+#include <functional>
+#include <future>
+#include <random>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "TestSupport.h"
+
+namespace {
+
+using namespace Kelvo;
+using namespace std::chrono_literals;
+using Type = TaskSchedulerEventType;
+
+TaskTimePoint at(long ns) {
+    return TaskTimePoint(TaskTimeDuration(ns));
+}
+
+std::vector<std::string> names(const TaskSchedulerHistory& history) {
+    std::vector<std::string> out;
+    for (const auto& event : history.events())
+        out.push_back(event.name.str());
+    return out;
+}
+
+// ---------------------------------------------------------------------------
+// History
+
+TEST(TaskSchedulerHistory, RingKeepsTheNewestAcrossOverwriteAndCapacityChange) {
+    struct Case {
+        unsigned capacity;
+        int inserts;  // names "e0", "e1", ...
+        unsigned newCapacity;
+        std::vector<std::string> newestFirst;
+    } cases[] = {
+        {3, 4, 3, {"e3", "e2", "e1"}},  // full ring overwrites the oldest
+        {3, 7, 3, {"e6", "e5", "e4"}},  // and keeps wrapping
+        {100, 5, 2, {"e4", "e3"}},      // shrinking keeps the newest
+        {3, 5, 5, {"e4", "e3", "e2"}},  // growing keeps all, in order
+        {0, 3, 0, {}},                  // capacity 0 records nothing
+        {2, 3, 0, {}},
+    };
+    for (const Case& c : cases) {
+        TaskSchedulerHistory history(c.capacity);
+        for (int i = 0; i < c.inserts; ++i)
+            history.insert(at(i), Type::schedule,
+                           history.stringCache().intern("e" + std::to_string(i)));
+        history.capacityIs(c.newCapacity);
+        EXPECT_EQ(history.capacity(), c.newCapacity);
+        EXPECT_EQ(names(history), c.newestFirst) << c.capacity << "/" << c.inserts;
+        // Overwritten and dropped events released their names.
+        EXPECT_EQ(history.stringCache().size(), c.newestFirst.size());
+    }
+}
+
+TEST(TaskSchedulerHistory, DisplayTextsAndPadding) {
+    // The ends of both kinds and a few between: an off-by-one shows here.
+    const std::pair<unsigned, const char*> texts[] = {{0, "schedule"},
+                                                      {2, "run start"},
+                                                      {3, "run end"},
+                                                      {8, "scheduleSus"},
+                                                      {14, "delete"},
+                                                      {15, "schedulerIdle"},
+                                                      {19, "schedulerRunIgnoredWhileSuspended"},
+                                                      {23, "schedulerTestYieldRatioOff"}};
+    for (auto [value, text] : texts)
+        EXPECT_STREQ(taskSchedulerEventTypeDisplay(Type(value)), text);
+    EXPECT_THAT(KelvoTest::thrownMessage([] { taskSchedulerEventTypeDisplay(Type(24)); }),
+                ::testing::EndsWith("unexpected eventType 24"));
+
+    TaskSchedulerHistory history(2);
+    history.insert(at(0), Type::runEnd, history.stringCache().intern("x"));
+    history.insert(at(0), Type::schedulerRunIgnoredWhileSuspended,
+                   history.stringCache().intern("s"));
+    EXPECT_EQ(history.events()[1].display(), "run end      x");
+    EXPECT_EQ(history.events()[0].display(), "schedulerRunIgnoredWhileSuspended s");
+}
+
+TEST(TaskSchedulerHistory, TextDumpLayout) {
+    const std::string header =
+        "Last 3 scheduler events, absolute timestamp and relative to last event\n" +
+        std::string(70, '-') + "\n";
+    TaskSchedulerHistory history(3);
+    history.insert(at(1'000'000'000), Type::create, history.stringCache().intern("t"));
+    history.insert(at(1'000'123'999), Type::runStart, history.stringCache().intern("t"));
+    std::ostringstream out;
+    history.renderText(out);
+    EXPECT_EQ(out.str(),
+              header +
+                  "            1000123999 ns since boot          0 \u00b5s run start    t\n"
+                  "            1000000000 ns since boot        123 \u00b5s create       t\n"
+                  "\n");
+
+    TaskSchedulerHistory none(0);
+    std::ostringstream zero;
+    none.insert(at(5), Type::busy, none.stringCache().intern("t"));
+    none.renderText(zero);
+    EXPECT_EQ(zero.str(),
+              "Last 0 scheduler events, absolute timestamp and relative to last event\n" +
+                  std::string(70, '-') + "\n\n");
+}
+
+TEST(FdToStream, WritesBlockingDescriptorsAndRefusesNonBlockingOnes) {
+    for (bool closeFd : {false, true}) {
+        int fds[2];
+        ASSERT_EQ(::pipe(fds), 0);
+        {
+            FdToStream out(fds[1], closeFd);
+            out << "hello " << 42;
+        }
+        EXPECT_EQ(::fcntl(fds[1], F_GETFD) != -1, !closeFd) << closeFd;
+        if (!closeFd)
+            ::close(fds[1]);
+        char text[32] = {};
+        EXPECT_EQ(::read(fds[0], text, sizeof text), 8);
+        EXPECT_STREQ(text, "hello 42");
+        ::close(fds[0]);
+    }
+    int fds[2];
+    ASSERT_EQ(::pipe2(fds, O_NONBLOCK), 0);
+    const int flags = ::fcntl(fds[1], F_GETFL);
+    EXPECT_THAT(
+        KelvoTest::thrownMessage([&] { FdToStream out(fds[1], false); }),
+        ::testing::EndsWith(fmt::format(
+            "FileDescriptor {} flags 0x{:x} is non-blocking, not supported", fds[1], flags)));
+    ::close(fds[0]);
+    ::close(fds[1]);
+}
+
+// ---------------------------------------------------------------------------
+// Tasks and the run loop
+
+using P = TaskPriority;
+
+// A task that counts its runs and does in each what its test asks.
+struct Probe : Task {
+    std::function<void(Probe&)> body;
+    int runs = 0;
+    Probe(const std::shared_ptr<TaskScheduler>& scheduler, P priority, const std::string& name,
+          std::function<void(Probe&)> run = {})
+        : Task(scheduler, priority, name), body(std::move(run)) {}
+    void taskExecute() override {
+        ++runs;
+        if (body)
+            body(*this);
+    }
+};
+
+std::shared_ptr<Probe> probe(const std::shared_ptr<TaskSchedulerRoot>& root, P priority,
+                             const std::string& name, std::function<void(Probe&)> run = {}) {
+    return std::make_shared<Probe>(root, priority, name, std::move(run));
+}
+
+void reschedule(Probe& task) {
+    task.scheduleTask();
+}
+
+// The events of a history, newest first, as "display" texts.
+std::vector<std::string> events(const TaskSchedulerRoot& root) {
+    std::vector<std::string> out;
+    for (const auto& event : root.history()->events())
+        out.push_back(event.display());
+    return out;
+}
+
+class Scheduler : public ::testing::Test {
+  protected:
+    std::shared_ptr<TaskSchedulerRoot> root = schedulerRootKelvoNonShared("test");
+    // The steady clock of the root's runs, when a test takes it over.
+    TaskTimePoint now = at(1'000'000'000);
+    void driveClock() {
+        root->steadyClockIsForTest([this] { return now; });
+    }
+};
+
+TEST_F(Scheduler, ScheduleIsIdempotentAndSuspensionKeepsTasksOffTheQueue) {
+    driveClock();
+    auto task = probe(root, P::normal, "t");
+    task->scheduleTask();
+    const TaskTimePoint queuedAt = task->taskEnqueueTime();
+    now += 5ms;
+    task->scheduleTask();  // already queued: not even the enqueue time changes
+    EXPECT_EQ(task->taskEnqueueTime(), queuedAt);
+    EXPECT_EQ(root->runnableTaskCount(P::normal), 1u);
+
+    task->taskSuspendedIs(true);
+    EXPECT_FALSE(task->taskScheduled());
+    EXPECT_EQ(task->getStats().taskLastSchedulingLatency(), 5ms);  // unlinking stamps latency
+    task->scheduleTask();
+    EXPECT_FALSE(task->taskScheduled());
+    task->taskSuspendedIs(false);  // a resumed task always runs once
+    EXPECT_TRUE(task->taskScheduled());
+    EXPECT_EQ(events(*root),
+              (std::vector<std::string>{
+                  "busy         t", "schedule     t", "suspendOff   t", "scheduleSus  t",
+                  "idle         t", "unschedule   t", "suspendOn    t", "busy         t",
+                  "schedulerRunnable test", "schedule     t", "create       t"}));
+    root->handleSchedulerRun();
+    EXPECT_EQ(task->runs, 1);
+    EXPECT_EQ(task->taskStatus().bits(), 0);
+    EXPECT_FALSE(task->taskBusy());
+    root->handleSchedulerRun();  // finds nothing: idle
+    EXPECT_FALSE(root->schedulerHasRunnableTasks());
+    EXPECT_EQ(events(*root)[0], "schedulerIdle test");
+}
+
+TEST_F(Scheduler, WeightedPickGivesNormalOneTurnInTen) {
+    auto high = probe(root, P::high, "h", reschedule);
+    auto normal = probe(root, P::normal, "n", reschedule);
+    high->scheduleTask();
+    normal->scheduleTask();
+    std::string order;
+    for (int i = 0; i < 10'000; ++i) {
+        const int before = normal->runs;
+        root->handleSchedulerRun();
+        order += normal->runs != before ? 'N' : 'H';
+    }
+    EXPECT_EQ(normal->runs, 1000);
+    EXPECT_EQ(high->runs, 9000);
+    for (size_t i = 0; i < order.size(); i += 10)
+        ASSERT_EQ(order.substr(i, 10), "HHHHHHHHHN") << "at run " << i;
+    EXPECT_EQ(root->runTaskCount(P::high), 9000u);
+}
+
+TEST_F(Scheduler, ScavengeRunsOnlyWhenNothingAboveIsQueued) {
+    // Which of absolute, high, normal, low are queued (always rescheduling)
+    // next to a scavenge task: it must never run while any is.
+    for (int mask = 0; mask < 16; ++mask) {
+        auto r = schedulerRootKelvoNonShared("scavenge");
+        auto scavenge = probe(r, P::scavenge, "s");
+        scavenge->scheduleTask();
+        std::vector<std::shared_ptr<Probe>> above;
+        for (unsigned p = 0; p < 4; ++p) {
+            if (mask & (1 << p)) {
+                above.push_back(probe(r, P(p), "a", reschedule));
+                above.back()->scheduleTask();
+            }
+        }
+        for (int i = 0; i < 500; ++i)
+            r->handleSchedulerRun();
+        EXPECT_EQ(scavenge->runs, mask == 0 ? 1 : 0) << "mask " << mask;
+    }
+}
+
+TEST_F(Scheduler, QuantumViolationsCountAtExactlyTwoAndFiveTimes) {
+    driveClock();
+    struct Case {
+        TaskTimeDuration used;
+        uint32_t qv200, qv500;
+    } cases[] = {
+        {0ms, 0, 0},          {19'999'999ns, 0, 0}, {39'999'999ns, 0, 0}, {40ms, 1, 0},
+        {99'999'999ns, 1, 0}, {100ms, 0, 1},        {5s, 0, 1},
+    };
+    for (const Case& c : cases) {
+        auto task = probe(root, P::normal, "q", [&](Probe&) { now += c.used; });
+        task->scheduleTask();
+        root->handleSchedulerRun();
+        const TaskStat stat = task->getStats();
+        EXPECT_EQ(stat.taskQuantumViolation200(), c.qv200) << c.used.count();
+        EXPECT_EQ(stat.taskQuantumViolation500(), c.qv500) << c.used.count();
+        EXPECT_EQ(stat.taskRunTimeHighWaterMark(), c.used);
+    }
+    auto task = probe(root, P::normal, "q");
+    task->taskQuantumIs(1s);  // the bound itself is accepted
+    EXPECT_THAT(KelvoTest::thrownMessage([&] { task->taskQuantumIs(1'000'000'001ns); }),
+                ::testing::HasSubstr("Quantum: 1000000001ns"));
+    EXPECT_THAT(KelvoTest::thrownMessage([&] { task->taskQuantumNoCheckIs(0ns); }),
+                ::testing::HasSubstr("Quantum: 0ns"));
+    task->taskQuantumNoCheckIs(5s);
+    EXPECT_EQ(task->taskQuantum(), 5s);
+}
+
+TEST_F(Scheduler, QuantumViolationsCountedEndToEnd) {
+    // Busy runs of at least 2x and 5x a 1 ms quantum; load can only lengthen them.
+    auto spin = [](TaskTimeDuration d) {
+        const auto end = std::chrono::steady_clock::now() + d;
+        while (std::chrono::steady_clock::now() < end) {
+        }
+    };
+    auto twice = probe(root, P::normal, "2x", [&](Probe&) { spin(2200us); });
+    auto fivefold = probe(root, P::normal, "5x", [&](Probe&) { spin(5500us); });
+    for (auto* task : {twice.get(), fivefold.get()}) {
+        task->taskQuantumIs(1ms);
+        task->scheduleTask();
+        root->handleSchedulerRun();
+    }
+    const TaskStat t2 = twice->getStats(), t5 = fivefold->getStats();
+    EXPECT_EQ(t2.taskQuantumViolation200() + t2.taskQuantumViolation500(), 1u);
+    EXPECT_EQ(t5.taskQuantumViolation500(), 1u);
+    EXPECT_EQ(t5.taskQuantumViolation200(), 0u);
+}
+
+TEST_F(Scheduler, ShouldYieldInEachMode) {
+    driveClock();
+    // Six questions per run, the clock moving by step before each.
+    struct Case {
+        TaskTimeDuration step;
+        uint8_t ratio, rootRatio;
+        const char* answers;
+    } cases[] = {
+        {0ms, 0, 0, "------"}, {5ms, 0, 0, "---YYY"}, {-1ms, 0, 0, "YYYYYY"},
+        {0ms, 3, 0, "--Y--Y"}, {0ms, 1, 0, "YYYYYY"}, {0ms, 0, 2, "-Y-Y-Y"},
+    };
+    std::string answers;
+    TaskTimeDuration step;
+    auto task = probe(root, P::normal, "y", [&](Probe& self) {
+        for (int i = 0; i < 6; ++i) {
+            now += step;
+            answers += self.taskShouldYield() ? 'Y' : '-';
+        }
+    });
+    for (const Case& c : cases) {
+        step = c.step;
+        answers.clear();
+        task->taskTestYieldRatioIs(c.ratio);
+        root->taskTestYieldRatioIs(c.rootRatio);
+        EXPECT_EQ(root->forceYieldTaskCount(), c.ratio || c.rootRatio ? 1u : 0u);
+        task->scheduleTask();
+        root->handleSchedulerRun();
+        EXPECT_EQ(answers, c.answers) << c.step.count() << "/" << int(c.ratio);
+    }
+    EXPECT_THAT(KelvoTest::thrownMessage([&] { task->taskShouldYield(); }),
+                ::testing::HasSubstr("taskCurrentlyRunning: false taskRunCount: 6"));
+    task.reset();  // yielding by the root's ratio: leaves the set all the same
+    EXPECT_EQ(root->forceYieldTaskCount(), 0u);
+}
+
+TEST_F(Scheduler, VirtualTimeIsAdoptedFromTheLoopAndMeasuresQuanta) {
+    std::vector<bool> answers;
+    auto task = probe(root, P::normal, "v", [&](Probe& self) {
+        Platform::fastForwardBy(0.5);
+        answers.push_back(self.taskShouldYield());
+        answers.push_back(self.taskCurrentRunTime() >= 500ms);
+        Platform::fastForwardBy(0.6);
+        answers.push_back(self.taskShouldYield());
+    });
+    task->taskQuantumIs(1s);
+    Platform::setFastForward(true);
+    task->scheduleTask();
+    root->handleSchedulerRun();
+    Platform::setFastForward(false);
+    EXPECT_EQ(answers, (std::vector<bool>{false, true, true}));
+    EXPECT_TRUE(root->virtualTime());
+    EXPECT_EQ(task->taskShouldYieldMode(), TaskImpl::virtualTime);
+    root->handleSchedulerRun();  // the next run adopts the switch back
+    EXPECT_FALSE(root->virtualTime());
+    EXPECT_EQ(task->taskShouldYieldMode(), TaskImpl::realTime);
+}
+
+TEST_F(Scheduler, SuspendedRootIgnoresAndRecordsRunsUntilResumed) {
+    auto task = probe(root, P::normal, "t");
+    root->suspendedIs(true);
+    task->scheduleTask();  // queues, but requests no run
+    Platform::doEventLoop(0.05);
+    EXPECT_EQ(task->runs, 0);
+    root->handleSchedulerRun();
+    EXPECT_EQ(events(*root)[0], "schedulerRunIgnoredWhileSuspended test");
+    root->suspendedIs(false);  // requests a run
+    EXPECT_EQ(events(*root)[0], "schedulerUnsuspended test");
+    Platform::doEventLoop(0.05);
+    EXPECT_EQ(task->runs, 1);
+}
+
+TEST_F(Scheduler, TemporaryListHoldsOnlyTasksQueuedBeforeTheTurn) {
+    std::vector<std::string> ran;
+    auto record = [&](Probe& self) { ran.push_back(self.taskName()); };
+    auto a = probe(root, P::normal, "a", record), b = probe(root, P::normal, "b", record),
+         c = probe(root, P::normal, "c", record), d = probe(root, P::high, "d", record);
+    a->scheduleTask();
+    b->scheduleTask();
+    root->taskRunQueuesMovePersistentToTemporary();
+    c->scheduleTask();  // queued during the turn: not pickable in it
+    root->handleSchedulerRun();
+    EXPECT_EQ(ran, std::vector<std::string>{"a"});
+    EXPECT_THAT(
+        KelvoTest::thrownMessage([&] { root->taskRunQueuesMovePersistentToTemporary(); }),
+        ::testing::HasSubstr("The temporary run queue should always be empty at this point"));
+    root->taskRunQueuesMoveTemporaryToPersistent();
+    d->scheduleTask();
+    for (int i = 0; i < 4; ++i)
+        root->handleSchedulerRun();
+    EXPECT_EQ(ran, (std::vector<std::string>{"a", "d", "b", "c"}));  // b ahead of c
+}
+
+TEST_F(Scheduler, MisuseFailsWithTheSubjectInTheMessage) {
+    auto task = probe(root, P::low, "m");
+    struct Case {
+        std::function<void()> misuse;
+        const char* message;
+    } cases[] = {
+        {[&] { root->taskRegister(task.get()); }, "Task: m already registered"},
+        {[&] {
+             task->scheduleTask();
+             root->taskUnregister(task.get());
+         },
+         "Task: m scheduled on unregister"},
+        {[&] {
+             task->unscheduleTask();
+             task->handleDestroy();
+             root->taskUnregister(task.get());
+         },
+         "Task: m not registered"},
+        {[&] { probe(root, P::oneBeyondLast, "bad"); }, "priority: invalidPriority=5"},
+        {[&] { Probe orphan(nullptr, P::low, "o"); }, "Need a TaskScheduler"},
+        {[&] { root->history()->insert(now, Type::schedulerIdle, task.get()); },
+         "unexpected eventType=15"},
+        {[&] { root->history()->insert(now, Type::busy, static_cast<TaskScheduler*>(root.get())); },
+         "EventType: 12"},
+    };
+    for (const Case& c : cases) {
+        const std::string text = KelvoTest::thrownMessage(c.misuse);
+        EXPECT_THAT(text, ::testing::HasSubstr(c.message));
+        EXPECT_THAT(text, ::testing::StartsWith("TaskSchedulerCpp:"));
+    }
+    EXPECT_EQ(task->taskMagicNumber(), TaskImpl::taskMagicNumberDestroyed);
+}
+
+TEST(SchedulerDeathTest, TaskDestroyedInsideItsOwnRunIsCaught) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(
+        {
+            throwOnAssertFailIs(false);
+            auto root = schedulerRootKelvoNonShared("death");
+            alignas(Probe) static unsigned char storage[sizeof(Probe)];
+            auto* task =
+                new (storage) Probe(root, P::normal, "doomed", [](Probe& self) { self.~Probe(); });
+            task->scheduleTask();
+            root->handleSchedulerRun();
+        },
+        "Kelvo::Assert aborting because: TaskSchedulerCpp:[0-9]+: TaskScheduler::taskDoRun\\(\\) "
+        "Task: 0x[0-9a-f]+ taskMagicNumber: 3735936685 taskMagicNumberConstructed: 1119771390");
+}
+
+TEST_F(Scheduler, ExceptionFromATaskPassesThroughWithoutStallingTheLoop) {
+    bool thrown = false;
+    auto thrower = probe(root, P::high, "thrower", [&](Probe&) {
+        if (!thrown) {
+            thrown = true;
+            throw std::runtime_error("task failed");
+        }
+    });
+    auto other = probe(root, P::normal, "other");
+    thrower->scheduleTask();
+    other->scheduleTask();
+    EXPECT_THROW(Platform::doEventLoop(), std::runtime_error);
+    EXPECT_FALSE(thrower->taskCurrentlyRunning());
+    EXPECT_EQ(root->currentTask(), nullptr);
+    thrower->scheduleTask();
+    Platform::doEventLoop();  // bounded: nothing reschedules itself
+    EXPECT_EQ(other->runs, 1);
+    EXPECT_EQ(thrower->runs, 2);
+    EXPECT_FALSE(root->schedulerHasRunnableTasks());
+}
+
+TEST_F(Scheduler, BatchedRunsStopAtTheBatchAQuantumUserOrAnEmptyQueue) {
+    driveClock();
+    int ran = 0;
+    std::vector<std::shared_ptr<Probe>> tasks;
+    for (int i = 0; i < 40; ++i)
+        tasks.push_back(probe(root, P::normal, "b", [&](Probe&) { ++ran; }));
+    for (auto& t : tasks)
+        t->scheduleTask();
+    root->callback();
+    EXPECT_EQ(ran, 1);  // default: one task per callback
+    root->runsPerCallbackIs(16);
+    root->callback();
+    EXPECT_EQ(ran, 17);
+    tasks[20]->body = [&](Probe&) {
+        ++ran;
+        now += 20ms;  // uses its whole quantum
+    };
+    root->callback();
+    EXPECT_EQ(ran, 21);  // 17..20 ran, 20 stopped the batch
+    root->callback();
+    root->callback();
+    EXPECT_EQ(ran, 40);  // the queue ran dry inside the batch
+    EXPECT_FALSE(root->schedulerHasRunnableTasks());
+    EXPECT_THAT(KelvoTest::thrownMessage([&] { root->runsPerCallbackIs(0); }),
+                ::testing::HasSubstr("runsPerCallback: 0"));
+}
+
+TEST_F(Scheduler, HistoryOfTheRootRendersEverywhereAndClears) {
+    auto task = probe(root, P::normal, "h");
+    task->scheduleTask();
+    EXPECT_EQ(root->historyEntryCount(), 100u);
+    const std::string text = root->historyRenderTextForDebugToString();
+    EXPECT_THAT(text, ::testing::StartsWith("Last 100 scheduler events"));
+    EXPECT_THAT(text, ::testing::HasSubstr(" \u00b5s schedule     h\n"));
+    int fds[2];
+    ASSERT_EQ(::pipe(fds), 0);
+    root->historyRenderTextForDebug(fds[1]);
+    ::close(fds[1]);
+    std::string piped(text.size() + 1, '\0');
+    piped.resize(::read(fds[0], piped.data(), piped.size()));
+    ::close(fds[0]);
+    EXPECT_EQ(piped, text);
+    root->historyEntryCountIs(2);
+    EXPECT_EQ(events(*root),
+              (std::vector<std::string>{"busy         h", "schedulerRunnable test"}));
+    root->clearHistory();
+    EXPECT_EQ(root->historyEntryCount(), 2u);
+    EXPECT_TRUE(events(*root).empty());
+}
+
+// ---------------------------------------------------------------------------
+// Model check
+
+// Random operations on up to 200 tasks against a reference model of queue
+// membership and order, per-priority counts, run counts and queueStats().
+TEST_F(Scheduler, AgreesWithAReferenceModelOverRandomOperations) {
+    constexpr int slots = 200, steps = 100'000;
+    Platform::clearKelvoDebug("KelvoTaskScheduler/1");  // thousands of suspensions
+    struct Model {
+        bool live = false, queued = false, suspended = false, rescheduleSelf = false,
+             included = true;
+        P priority;
+        int runs = 0;
+    };
+    std::vector<Model> model(slots);
+    std::vector<std::shared_ptr<Probe>> tasks(slots);
+    std::array<std::deque<int>, 5> queues;
+    std::array<uint32_t, 5> picks{}, consecutive{}, registered{}, completed{};
+    int lastRan = -1;
+    std::mt19937 rng(20261123);
+    auto below = [&](int n) { return int(rng() % unsigned(n)); };
+    auto enqueue = [&](int i) {
+        if (!model[i].queued && !model[i].suspended)
+            queues[model[i].priority.value()].push_back(i);
+        model[i].queued = !model[i].suspended;
+    };
+    auto dequeue = [&](int i) {
+        auto& q = queues[model[i].priority.value()];
+        if (model[i].queued)
+            q.erase(std::find(q.begin(), q.end(), i));
+        model[i].queued = false;
+    };
+    std::function<int(unsigned)> pick = [&](unsigned from) -> int {
+        static constexpr uint64_t weight[] = {0, 64, 8, 1, 0};
+        for (unsigned p = from; p < 5; ++p) {
+            if (queues[p].empty()) {
+                consecutive[p] = 0;
+                continue;
+            }
+            uint64_t lower = 0;
+            for (unsigned q = p + 1; q <= 3; ++q)
+                lower += queues[q].size() * weight[q];
+            if ((p == 1 || p == 2) && consecutive[p] * lower > queues[p].size() * weight[p]) {
+                if (int i = pick(p + 1); i >= 0) {
+                    consecutive[p] = 0;
+                    return i;
+                }
+            }
+            ++consecutive[p];
+            ++picks[p];
+            const int i = queues[p].front();
+            queues[p].pop_front();
+            model[i].queued = false;
+            return i;
+        }
+        return -1;
+    };
+    for (int step = 0; step < steps; ++step) {
+        const int i = below(slots), op = below(8);
+        Model& m = model[i];
+        if (op == 4 || op == 5) {  // run one
+            lastRan = -1;
+            const int expected = pick(0);
+            root->handleSchedulerRun();
+            ASSERT_EQ(lastRan, expected) << "step " << step;
+            if (expected >= 0) {
+                ++model[expected].runs;
+                if (model[expected].rescheduleSelf)
+                    enqueue(expected);
+            }
+        } else if (op == 0 && !m.live) {  // create
+            m = Model{true, false, false, below(3) == 0, below(4) != 0, P(unsigned(below(5)))};
+            tasks[i] = probe(root, m.priority, "task" + std::to_string(i % 7), [&, i](Probe& self) {
+                lastRan = i;
+                if (model[i].rescheduleSelf)
+                    self.scheduleTask();
+            });
+            tasks[i]->includeInCompletedTaskIs(m.included);
+            ++registered[m.priority.value()];
+        } else if (m.live && op == 1) {
+            tasks[i]->scheduleTask();
+            enqueue(i);
+        } else if (m.live && op == 2) {
+            tasks[i]->unscheduleTask();
+            dequeue(i);
+        } else if (m.live && op == 3) {  // suspend or resume
+            const bool suspend = below(2), resumed = m.suspended && !suspend;
+            tasks[i]->taskSuspendedIs(suspend);
+            if (suspend)
+                dequeue(i);
+            m.suspended = suspend;
+            if (resumed)
+                enqueue(i);
+        } else if (m.live && op == 6) {
+            tasks[i]->taskQuantumIs(TaskTimeDuration(1 + below(1'000'000'000)));
+        } else if (m.live && op == 7) {  // delete
+            dequeue(i);
+            tasks[i].reset();
+            --registered[m.priority.value()];
+            completed[m.priority.value()] += m.included;
+            m.live = false;
+        }
+        for (int t = 0; t < slots; ++t) {
+            if (model[t].live) {
+                ASSERT_EQ(tasks[t]->taskScheduled(), model[t].queued) << "step " << step;
+                ASSERT_EQ(tasks[t]->taskRunCount(), uint32_t(model[t].runs)) << "step " << step;
+            }
+        }
+        const TaskSchedulerQueueStats stats = root->queueStats();
+        ASSERT_EQ(stats.size(), 5u);
+        for (unsigned p = 0; p < 5; ++p) {
+            const TaskSchedulerPriorityStats& s = stats.at(P(p));
+            ASSERT_EQ(s.runnableTasks, queues[p].size()) << "step " << step << " priority " << p;
+            ASSERT_EQ(s.idleTasks, registered[p] - queues[p].size()) << "step " << step;
+            ASSERT_EQ(s.completedTasks, completed[p]) << "step " << step;
+            ASSERT_EQ(s.totalRunCount, picks[p]) << "step " << step;
+        }
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Threads
+
+// The threads here free their loop when done: the base of a thread's loop
+// is not released at thread exit, so these threads use roots of their own
+// rather than the thread-local one, which would outlive the loop.
+TEST(SchedulerThreads, FourRootsRunTheirOwnTasksConcurrently) {
+    constexpr int threads = 4, tasksPerThread = 1000, runsPerTask = 3;
+    std::vector<std::future<int>> done;
+    for (int t = 0; t < threads; ++t) {
+        done.push_back(std::async(std::launch::async, [] {
+            int total = 0;
+            {
+                auto root = schedulerRootKelvoNonShared("worker");
+                std::vector<std::shared_ptr<Probe>> tasks;
+                for (int i = 0; i < tasksPerThread; ++i) {
+                    tasks.push_back(probe(root, P(unsigned(i % 5)), "w", [&](Probe& self) {
+                        ++total;
+                        if (self.runs < runsPerTask)
+                            self.scheduleTask();
+                    }));
+                    tasks.back()->scheduleTask();
+                }
+                Platform::doEventLoop();
+            }
+            leFree();
+            return total;
+        }));
+    }
+    for (auto& d : done)
+        EXPECT_EQ(d.get(), tasksPerThread * runsPerTask);
+    const auto& main = schedulerRootKelvo();
+    EXPECT_EQ(main->name(), "main");
+    EXPECT_EQ(&schedulerRootKelvo(), &main);
+}
+
+TEST(SchedulerThreads, WrongThreadFailsWithTheFullMessage) {
+    std::promise<std::shared_ptr<Probe>> created;
+    std::promise<void> tried;
+    std::string ownerId, ownerPid = std::to_string(::getpid());
+    std::thread owner([&] {
+        threadNameIs("schedOwner");
+        ownerId = std::to_string(static_cast<unsigned long>(pthread_self()));
+        {
+            auto task = probe(schedulerRootKelvoNonShared("owner"), P::normal, "foreign");
+            created.set_value(task);
+            tried.get_future().wait();
+        }
+        leFree();
+    });
+    auto task = created.get_future().get();
+    const std::string text = KelvoTest::thrownMessage([&] { task->scheduleTask(); });
+    EXPECT_THAT(text, ::testing::EndsWith(fmt::format(
+                          "Executing in wrong thread {}({}) pid {} scheduler belongs to thread "
+                          "{}(schedOwner) pid {}",
+                          static_cast<unsigned long>(pthread_self()), threadName(), ownerPid,
+                          ownerId, ownerPid)));
+    EXPECT_FALSE(task->taskScheduled());
+    auxiliaryThreadRegister();  // a registered helper may act for the owner
+    EXPECT_NO_THROW(task->unscheduleTask());
+    auxiliaryThreadUnregister();
+    task.reset();  // the owner holds the last share: the task dies on its thread
+    tried.set_value();
+    owner.join();
+}
+
+}  // namespace
