@@ -114,9 +114,9 @@ class Allocator {
     void deallocate(T* block, std::size_t n) noexcept {
         MemTrack::of<Tag>().released(n * sizeof(T));
         if constexpr (alignof(T) > __STDCPP_DEFAULT_NEW_ALIGNMENT__) {
-            ::operator delete(block, n * sizeof(T), std::align_val_t(alignof(T)));
+            ::operator delete(block, std::align_val_t(alignof(T)));
         } else {
-            ::operator delete(block, n * sizeof(T));
+            ::operator delete(block);
         }
     }
 
