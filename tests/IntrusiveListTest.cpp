@@ -17,9 +17,8 @@ using RegList = Kelvo::BookmarkList<Item, Kelvo::BookmarkListLinkNode, &Item::re
 template <typename L>
 std::vector<int> ids(const L& list) {
     std::vector<int> out;
-    for (const Item& item : list) {
+    for (const Item& item : list)
         out.push_back(item.id);
-    }
     return out;
 }
 
@@ -48,9 +47,8 @@ TEST(BookmarkList, IteratorsAndCountsNeverShowBookmarksAndNodesOutliveLists) {
             return it == reg.end() ? 0 : it->id;
         };
         EXPECT_THAT((std::vector{at(m1), at(m2), at(m4), at(b->regLink)}), ElementsAre(1, 2, 0, 2));
-        for (auto* item : {a.get(), b.get(), c.get()}) {
+        for (auto* item : {a.get(), b.get(), c.get()})
             run.pushBack(*item);
-        }
         b.reset();  // a destroyed element takes itself off every list
         EXPECT_THAT(ids(run), ElementsAre(1, 3));
         EXPECT_THAT(ids(reg), ElementsAre(1));
@@ -98,21 +96,18 @@ TEST(BookmarkList, ResumableWalkVisitsEverySurvivorExactlyOnce) {
             expected.push_back(!front);
             front ? reg.pushFront(*items.back()) : reg.pushBack(*items.back());
         };
-        for (int i = 0; i < 200; ++i) {
+        for (int i = 0; i < 200; ++i)
             add(false);
-        }
         RegList::Bookmark mark;
         reg.pushFront(mark);
         for (unsigned runs = 0; mark.isLinked(); ++runs) {
             ASSERT_LT(runs, 10000u) << "walk does not progress, k=" << k;
             RegList::Iterator it(reg, mark);
             mark.unlink();
-            for (unsigned done = 0; it != reg.end() && done < k; ++it, ++done) {
+            for (unsigned done = 0; it != reg.end() && done < k; ++it, ++done)
                 ++visits[it->id];
-            }
-            if (it == reg.end()) {
+            if (it == reg.end())
                 break;
-            }
             mark.insertBefore(it);
             // While the walker is away: destroy or unlink some elements (sometimes
             // the one the bookmark stands before) and add one at either end.
@@ -120,9 +115,8 @@ TEST(BookmarkList, ResumableWalkVisitsEverySurvivorExactlyOnce) {
                 const size_t victim = rng() % items.size();
                 expected[items[victim]->id] = -1;
                 RegList::remove(*items[victim]);
-                if (rng() % 2) {
+                if (rng() % 2)
                     items.erase(items.begin() + victim);
-                }
             }
             if (RegList::Iterator next(reg, mark); next != reg.end() && rng() % 4 == 0) {
                 expected[next->id] = -1;
@@ -131,9 +125,8 @@ TEST(BookmarkList, ResumableWalkVisitsEverySurvivorExactlyOnce) {
             }
             add(rng() % 2);
         }
-        for (size_t id = 0; id < visits.size(); ++id) {
+        for (size_t id = 0; id < visits.size(); ++id)
             expected[id] = expected[id] < 0 ? std::min(visits[id], 1) : expected[id];
-        }
         EXPECT_EQ(visits, expected) << "k=" << k;
     }
 }

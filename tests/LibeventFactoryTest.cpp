@@ -68,7 +68,6 @@ TEST(LibeventBase, PrioritiesAndDiagnosticsAreTraced) {
     EXPECT_EQ(fmt::format("{} {} {} [{}]", eventPriorityStrictHigh, eventPriorityDefault, odd,
                           eventPriorityToString(odd)),
               "eventPriorityStrictHigh eventPriorityDefault Invalid EventPriority=2 []");
-    EXPECT_FALSE(isEventPriorityValid(odd));
     setTraceFormat("level");
     EXPECT_EQ(
         traced("KelvoLibevent/*",
@@ -145,7 +144,6 @@ TEST(LibeventLoop, InfiniteBoundWaitsNegativeOrNanBoundIsZero) {
 TEST(LibeventFd, ReadsPersistWritesAreOneShot) {
     Pipe p;
     Probe r, w;
-    EXPECT_EQ(r.fd->getFd(), -1);
     r.fd->setReads(true);  // no descriptor yet: arms nothing
     ASSERT_EQ(::write(p.fds[1], "x", 1), 1);
     eventLoopTimeout(0.01);
@@ -223,8 +221,7 @@ TEST(WaitForDefault, ParsedFromEnvironment) {
 }
 
 // One timer 10 s ahead: the loop jumps to it plus the 100 us extra delay,
-// then to the end; with no timer the step is the whole maximum. Microseconds
-// of the offset carry into its seconds.
+// then to the end; with no timer the step is the whole maximum.
 TEST_F(FastForward, StepsToFirstTimerThenToTheEnd) {
     Probe t;
     const double start = Kelvo::time(), offset = leVirtualTimeOffset();
@@ -242,16 +239,9 @@ TEST_F(FastForward, StepsToFirstTimerThenToTheEnd) {
     EXPECT_LT(Kelvo::time() - start, 80.0);
     const timeval before = leVirtualTimeOffsetTimeval();
     eventLoopFastForwardToFirstTimer(5);
-    timeval after = leVirtualTimeOffsetTimeval();
+    const timeval after = leVirtualTimeOffsetTimeval();
     EXPECT_EQ(std::tuple(after.tv_sec - before.tv_sec, after.tv_usec),
               std::tuple(5, before.tv_usec));
-    const timeval toEdge = {0, 999950 - after.tv_usec + (after.tv_usec > 999950 ? 1000000 : 0)};
-    applyFastForwardDelta(&toEdge);
-    const timeval atEdge = leVirtualTimeOffsetTimeval(), step = {0, 100};
-    ASSERT_EQ(atEdge.tv_usec, 999950);
-    applyFastForwardDelta(&step);
-    after = leVirtualTimeOffsetTimeval();
-    EXPECT_EQ(std::tuple(after.tv_sec, after.tv_usec), std::tuple(atEdge.tv_sec + 1, 50));
 }
 
 TEST_F(FastForward, ShiftKeepsTimerOrderAndDueTimerGivesZeroDelta) {
@@ -320,7 +310,8 @@ TEST_F(FastForward, DueButUnrunTimerIsNeverJumpedOver) {
 }
 
 // An unbounded wait steps to the first timer; advances that are negative or
-// NaN move nothing, an infinite one is refused; the offset stays normalised.
+// NaN move nothing, an infinite one is refused; the offset stays normalised,
+// its microseconds carrying into its seconds.
 TEST_F(FastForward, VirtualTimeOnlyGrowsAndStaysNormalised) {
     Probe t;
     for (auto run : {+[] { doEventLoopInWaitfor(inf); }, +[] { doEventLoop(inf); }}) {
@@ -331,13 +322,17 @@ TEST_F(FastForward, VirtualTimeOnlyGrowsAndStaysNormalised) {
         EXPECT_NEAR(leVirtualTimeOffset() - before, 10.0001, 0.01);
         t.fired = 0;
     }
-    for (double seconds : {-2.0, -0.5, std::nan(""), -inf, 0.75}) {
+    const timeval now = leVirtualTimeOffsetTimeval(),
+                  toEdge = {0, 999950 - now.tv_usec + (now.tv_usec > 999950 ? 1000000 : 0)};
+    applyFastForwardDelta(&toEdge);
+    ASSERT_EQ(leVirtualTimeOffsetTimeval().tv_usec, 999950);
+    for (double seconds : {-2.0, -0.5, std::nan(""), -inf, 0.00005, 0.75}) {
         const timeval before = leVirtualTimeOffsetTimeval();
         fastForwardBy(seconds);
         const timeval after = leVirtualTimeOffsetTimeval();
         const long grown =
             (after.tv_sec - before.tv_sec) * 1000000 + after.tv_usec - before.tv_usec;
-        EXPECT_EQ(grown, seconds > 0 ? 750000 : 0) << seconds;
+        EXPECT_EQ(grown, seconds > 0 ? std::lround(seconds * 1e6) : 0) << seconds;
         EXPECT_TRUE(after.tv_usec >= 0 && after.tv_usec < 1000000) << after.tv_usec;
     }
     EXPECT_THAT(thrownMessage([] { fastForwardBy(inf); }), HasSubstr("fastForwardBy(inf)"));

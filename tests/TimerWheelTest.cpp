@@ -10,14 +10,6 @@ using namespace KelvoTest;
 using namespace Kelvo;
 using namespace Kelvo::Platform;
 
-namespace {
-
-std::shared_ptr<TimerWheel> newWheel() {
-    return getTimerWheelForTaskScheduler(eventPriorityDefault);
-}
-
-}  // namespace
-
 TEST(TimerWheelEvent, StateBitsAndLegalTransitions) {
     struct : TimerWheelEvent {
         void timeout() override {}
@@ -41,7 +33,8 @@ TEST(TimerWheelEventDeathTest, DestroyingARunningControlIsFatal) {
     EXPECT_DEATH(
         {
             Probe handler;
-            getTimerControl(&handler, newWheel())->setTimeout(5);
+            getTimerControl(&handler, getTimerWheelForTaskScheduler(eventPriorityDefault))
+                ->setTimeout(5);
         },
         "destroyed while inTimerWheel");
 }
@@ -59,7 +52,7 @@ TEST(TimerWheel, SingletonIsPerThreadOnlyWhenAsked) {
 }
 
 TEST(TimerWheel, StoppingLeavesMasterTimerUntilItFindsNothing) {
-    auto wheel = newWheel();
+    auto wheel = getTimerWheelForTaskScheduler(eventPriorityDefault);
     Probe t(wheel);
     t.start(0.02);
     const double master = wheel->masterTimerExpiry();
@@ -76,7 +69,7 @@ TEST(TimerWheel, StoppingLeavesMasterTimerUntilItFindsNothing) {
 // -infinity and NaN are overdue like any negative delay: the timer reports
 // 0 s left, can be stopped, and otherwise fires once on the next pass.
 TEST(TimerWheel, InfiniteOrNanDelayIsOverdueAndCancellable) {
-    auto wheel = newWheel();
+    auto wheel = getTimerWheelForTaskScheduler(eventPriorityDefault);
     for (double delay : {-inf, std::nan("")}) {
         SCOPED_TRACE(delay);
         Probe t(wheel);
@@ -97,7 +90,7 @@ TEST(TimerWheel, InfiniteOrNanDelayIsOverdueAndCancellable) {
 // after their expiry, so neither a stale loop-pass time nor a coarse tick
 // shows through. Those still pending are restarted, not fired twice.
 TEST(TimerWheel, TimersNeverRunBeforeTheirTimeInRealTime) {
-    auto wheel = newWheel();
+    auto wheel = getTimerWheelForTaskScheduler(eventPriorityDefault);
     std::mt19937 random(5);
     std::vector<std::unique_ptr<Probe>> timers;
     for (int i = 0; i < 300; ++i) {
@@ -126,7 +119,7 @@ TEST(TimerWheel, TimersNeverRunBeforeTheirTimeInRealTime) {
 // in the same pass) from handlers: every running timer fires exactly once per
 // start and never before its expiry, and stopped ones never fire.
 TEST_F(FastForward, RandomisedWheelTimersNeverFireEarlyNorGetLost) {
-    auto wheel = newWheel();
+    auto wheel = getTimerWheelForTaskScheduler(eventPriorityDefault);
     std::mt19937_64 random(12345);
     auto delay = [&] {
         const double scale[] = {0, 1e-6 * (random() % 100000), 1e-3 * (random() % 10000),
@@ -164,7 +157,7 @@ TEST_F(FastForward, RandomisedWheelTimersNeverFireEarlyNorGetLost) {
 // A handler's exception leaves the loop even though its hook would claim it;
 // the wheel then stays stalled until setMasterTimer() is called.
 TEST_F(FastForward, WheelHandlerExceptionLeavesLoopAndStallsTheWheel) {
-    auto wheel = newWheel();
+    auto wheel = getTimerWheelForTaskScheduler(eventPriorityDefault);
     Probe thrower(wheel), sameTick(wheel), fresh(wheel);
     thrower.throws = thrower.claims = true;
     thrower.start(1);
