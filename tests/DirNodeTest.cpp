@@ -72,10 +72,9 @@ TEST_F(DirNode, UnopenableDirectoriesLeaveTheNodeClosed) {
         const std::string trace =
             fmt::format("DirNode::openDir() failed to open {} errno: {}", where, error);
         for (unsigned enabled : {level, level - 1}) {
-            for (unsigned l = 0; l < 10; ++l)
-                h_.enabledIs(l, l == enabled);
+            auto handle = handleWithLevels({enabled});
             CaptureStderr();
-            EXPECT_FALSE(Kelvo::DirNode(h_, where, nullptr).isOpen());
+            EXPECT_FALSE(Kelvo::DirNode(*handle, where, nullptr).isOpen());
             EXPECT_EQ(GetCapturedStderr().find(trace) != std::string::npos, enabled == level)
                 << trace << " at level " << enabled;
         }
