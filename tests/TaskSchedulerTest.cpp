@@ -1,20 +1,7 @@
-#include <Kelvo/LibeventFactoryCpp.h>
 #include <Kelvo/TaskSchedulerCpp.h>
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <deque>
-#include <functional>
 #include <future>
-#include <random>
-#include <sstream>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "TestSupport.h"
 
@@ -23,6 +10,10 @@ namespace {
 using namespace Kelvo;
 using namespace std::chrono_literals;
 using Type = TaskSchedulerEventType;
+using KelvoTest::thrownMessage;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
 
 TaskTimePoint at(long ns) {
     return TaskTimePoint(TaskTimeDuration(ns));
@@ -75,15 +66,16 @@ TEST(TaskSchedulerHistory, RingKeepsTheNewestAcrossOverwriteAndCapacityChange) {
 // Event display texts and their padding are checked through the run-loop
 // histories below; this covers the dump layout and the ends of the table.
 TEST(TaskSchedulerHistory, TextDumpLayoutAndDisplayTextEnds) {
-    TaskSchedulerHistory history(3);
+    TaskSchedulerHistory history(4);
     history.insert(at(1'000'000'000), Type::create, history.stringCache().intern("t"));
-    history.insert(at(1'000'123'999), Type::runStart, history.stringCache().intern("t"));
-    history.insert(at(1'000'123'999), Type::del, history.stringCache().intern("t"));
+    for (Type type : {Type::runStart, Type::runEnd, Type::del})
+        history.insert(at(1'000'123'999), type, history.stringCache().intern("t"));
     std::ostringstream out;
     history.renderText(out);
     EXPECT_EQ(out.str(),
-              dumpHeader(3) +
+              dumpHeader(4) +
                   "            1000123999 ns since boot          0 \u00b5s delete       t\n"
+                  "            1000123999 ns since boot          0 \u00b5s run end      t\n"
                   "            1000123999 ns since boot          0 \u00b5s run start    t\n"
                   "            1000000000 ns since boot        123 \u00b5s create       t\n"
                   "\n");
@@ -94,8 +86,8 @@ TEST(TaskSchedulerHistory, TextDumpLayoutAndDisplayTextEnds) {
     EXPECT_EQ(zero.str(), dumpHeader(0) + "\n");
 
     EXPECT_STREQ(taskSchedulerEventTypeDisplay(Type(23)), "schedulerTestYieldRatioOff");
-    EXPECT_THAT(KelvoTest::thrownMessage([] { taskSchedulerEventTypeDisplay(Type(24)); }),
-                ::testing::EndsWith("unexpected eventType 24"));
+    EXPECT_THAT(thrownMessage([] { taskSchedulerEventTypeDisplay(Type(24)); }),
+                EndsWith("unexpected eventType 24"));
 }
 
 // Writing through a descriptor that stays open is covered by the root's dump.
@@ -112,9 +104,9 @@ TEST(FdToStream, ClosesWhenAskedAndRefusesNonBlockingDescriptors) {
     ASSERT_EQ(::pipe2(fds, O_NONBLOCK), 0);
     const int flags = ::fcntl(fds[1], F_GETFL);
     EXPECT_THAT(
-        KelvoTest::thrownMessage([&] { FdToStream out(fds[1], false); }),
-        ::testing::EndsWith(fmt::format(
-            "FileDescriptor {} flags 0x{:x} is non-blocking, not supported", fds[1], flags)));
+        thrownMessage([&] { FdToStream out(fds[1], false); }),
+        EndsWith(fmt::format("FileDescriptor {} flags 0x{:x} is non-blocking, not supported",
+                             fds[1], flags)));
     ::close(fds[0]);
     ::close(fds[1]);
 }
@@ -192,11 +184,9 @@ TEST_F(Scheduler, ScheduleIsIdempotentAndSuspensionKeepsTasksOffTheQueue) {
                   "idle         t", "unschedule   t", "suspendOn    t", "busy         t",
                   "schedulerRunnable test", "schedule     t", "create       t"}));
     root->handleSchedulerRun();
-    EXPECT_EQ(task->runs, 1);
-    EXPECT_EQ(task->taskStatus().bits(), 0);
-    EXPECT_FALSE(task->taskBusy());
     root->handleSchedulerRun();  // finds nothing: idle
-    EXPECT_FALSE(root->schedulerHasRunnableTasks());
+    EXPECT_EQ(task->runs, 1);
+    EXPECT_FALSE(task->taskBusy());
     EXPECT_EQ(events(*root)[0], "schedulerIdle test");
 }
 
@@ -258,12 +248,9 @@ TEST_F(Scheduler, QuantumViolationsCountAtExactlyTwoAndFiveTimes) {
     }
     auto task = probe(root, P::normal, "q");
     task->taskQuantumIs(1s);  // the bound itself is accepted
-    EXPECT_THAT(KelvoTest::thrownMessage([&] { task->taskQuantumIs(1'000'000'001ns); }),
-                ::testing::HasSubstr("Quantum: 1000000001ns"));
-    EXPECT_THAT(KelvoTest::thrownMessage([&] { task->taskQuantumNoCheckIs(0ns); }),
-                ::testing::HasSubstr("Quantum: 0ns"));
-    task->taskQuantumNoCheckIs(5s);
-    EXPECT_EQ(task->taskQuantum(), 5s);
+    EXPECT_THAT(thrownMessage([&] { task->taskQuantumIs(1'000'000'001ns); }),
+                HasSubstr("Quantum: 1000000001ns"));
+    EXPECT_THAT(thrownMessage([&] { task->taskQuantumNoCheckIs(0ns); }), HasSubstr("Quantum: 0ns"));
 }
 
 TEST_F(Scheduler, ShouldYieldInEachMode) {
@@ -295,8 +282,8 @@ TEST_F(Scheduler, ShouldYieldInEachMode) {
         root->handleSchedulerRun();
         EXPECT_EQ(answers, c.answers) << c.step.count() << "/" << int(c.ratio);
     }
-    EXPECT_THAT(KelvoTest::thrownMessage([&] { task->taskShouldYield(); }),
-                ::testing::HasSubstr("taskCurrentlyRunning: false taskRunCount: 6"));
+    EXPECT_THAT(thrownMessage([&] { task->taskShouldYield(); }),
+                HasSubstr("taskCurrentlyRunning: false taskRunCount: 6"));
     task.reset();  // yielding by the root's ratio: leaves the set all the same
     EXPECT_EQ(root->forceYieldTaskCount(), 0u);
 }
@@ -348,9 +335,8 @@ TEST_F(Scheduler, TemporaryListHoldsOnlyTasksQueuedBeforeTheTurn) {
     c->scheduleTask();  // queued during the turn: not pickable in it
     root->handleSchedulerRun();
     EXPECT_EQ(ran, std::vector<std::string>{"a"});
-    EXPECT_THAT(
-        KelvoTest::thrownMessage([&] { root->taskRunQueuesMovePersistentToTemporary(); }),
-        ::testing::HasSubstr("The temporary run queue should always be empty at this point"));
+    EXPECT_THAT(thrownMessage([&] { root->taskRunQueuesMovePersistentToTemporary(); }),
+                HasSubstr("The temporary run queue should always be empty at this point"));
     root->taskRunQueuesMoveTemporaryToPersistent();
     d->scheduleTask();
     for (int i = 0; i < 4; ++i)
@@ -384,9 +370,9 @@ TEST_F(Scheduler, MisuseFailsWithTheSubjectInTheMessage) {
          "EventType: 12"},
     };
     for (const Case& c : cases) {
-        const std::string text = KelvoTest::thrownMessage(c.misuse);
-        EXPECT_THAT(text, ::testing::HasSubstr(c.message));
-        EXPECT_THAT(text, ::testing::StartsWith("TaskSchedulerCpp:"));
+        const std::string text = thrownMessage(c.misuse);
+        EXPECT_THAT(text, HasSubstr(c.message));
+        EXPECT_THAT(text, StartsWith("TaskSchedulerCpp:"));
     }
     EXPECT_EQ(task->taskMagicNumber(), TaskImpl::taskMagicNumberDestroyed);
 }
@@ -451,8 +437,8 @@ TEST_F(Scheduler, BatchedRunsStopAtTheBatchAQuantumUserOrAnEmptyQueue) {
     root->callback();
     EXPECT_EQ(ran, 40);  // the queue ran dry inside the batch
     EXPECT_FALSE(root->schedulerHasRunnableTasks());
-    EXPECT_THAT(KelvoTest::thrownMessage([&] { root->runsPerCallbackIs(0); }),
-                ::testing::HasSubstr("runsPerCallback: 0"));
+    EXPECT_THAT(thrownMessage([&] { root->runsPerCallbackIs(0); }),
+                HasSubstr("runsPerCallback: 0"));
 }
 
 TEST_F(Scheduler, HistoryOfTheRootRendersEverywhereAndClears) {
@@ -460,8 +446,8 @@ TEST_F(Scheduler, HistoryOfTheRootRendersEverywhereAndClears) {
     task->scheduleTask();
     EXPECT_EQ(root->historyEntryCount(), 100u);
     const std::string text = root->historyRenderTextForDebugToString();
-    EXPECT_THAT(text, ::testing::StartsWith(dumpHeader(100)));
-    EXPECT_THAT(text, ::testing::HasSubstr(" \u00b5s schedule     h\n"));
+    EXPECT_THAT(text, StartsWith(dumpHeader(100)));
+    EXPECT_THAT(text, HasSubstr(" \u00b5s schedule     h\n"));
     int fds[2];
     ASSERT_EQ(::pipe(fds), 0);
     root->historyRenderTextForDebug(fds[1]);
@@ -481,12 +467,15 @@ TEST_F(Scheduler, HistoryOfTheRootRendersEverywhereAndClears) {
 // ---------------------------------------------------------------------------
 // Statistics
 
-TEST_F(Scheduler, WorkCountsSaturateBelowTheUnsetSentinel) {
+// Work and pending figures are fed the same numbers: both keep a high water
+// that a first 0 sets and that saturates below the unset sentinel.
+TEST_F(Scheduler, WorkFiguresSaturateBelowTheUnsetSentinel) {
     struct Case {
         std::vector<unsigned long> counts;
         float average;
         uint32_t highWater;
     } cases[] = {
+        {{0}, 0.0f, 0},
         {{0, 10}, 1.0f, 10},
         {{5, 3}, 4.8f, 5},
         {{0xFFFFFFFF}, 4294967295.0f, 0xFFFFFFFE},
@@ -494,27 +483,20 @@ TEST_F(Scheduler, WorkCountsSaturateBelowTheUnsetSentinel) {
     };
     for (const Case& c : cases) {
         auto task = probe(root, P::normal, "w");
+        EXPECT_FALSE(task->getStats().taskWorkPendingHighWater().isSet());
         unsigned long total = 0;
         for (unsigned long n : c.counts) {
             task->taskWorkCountInc(n);
+            task->taskWorkPendingIs(unsigned(std::min(n, 0xFFFFFFFFul)));
             total += n;
         }
         const TaskStat stat = task->getStats();
         EXPECT_EQ(stat.taskWorkCountTotal(), total) << c.counts.back();
         EXPECT_FLOAT_EQ(stat.taskWorkCountDecayingAvg(), c.average) << c.counts.back();
         EXPECT_EQ(stat.taskWorkCountHighWater().raw(), c.highWater) << c.counts.back();
+        EXPECT_EQ(stat.taskWorkPending(), std::min(c.counts.back(), 0xFFFFFFFFul));
+        EXPECT_EQ(stat.taskWorkPendingHighWater().raw(), c.highWater) << c.counts.back();
     }
-    auto task = probe(root, P::normal, "p");
-    EXPECT_FALSE(task->getStats().taskWorkPendingHighWater().isSet());
-    task->taskWorkPendingIs(0);
-    EXPECT_EQ(task->getStats().taskWorkPendingHighWater(), TaskMaybeU32(0));
-    task->taskWorkPendingIs(5);
-    task->taskWorkPendingIs(2);
-    EXPECT_EQ(task->getStats().taskWorkPending(), 2u);
-    EXPECT_EQ(task->getStats().taskWorkPendingHighWater(), TaskMaybeU32(5));
-    task->taskWorkPendingIs(0xFFFFFFFF);
-    EXPECT_EQ(task->getStats().taskWorkPending(), 0xFFFFFFFFu);
-    EXPECT_EQ(task->getStats().taskWorkPendingHighWater().raw(), 0xFFFFFFFEu);
 }
 
 TEST_F(Scheduler, LiveRecordLatencyAndStatus) {
@@ -569,6 +551,8 @@ TEST_F(Scheduler, CompletedTasksMergeByNameAndExcludedOnesOnlyLeaveTheirCount) {
 
     root->clearStats();
     EXPECT_EQ(ran->getStats().taskRunCount(), 0u);
+    EXPECT_FALSE(ran->getStats().taskWorkCountHighWater().isSet());
+    EXPECT_EQ(root->maxSchedulerSlip(), 0ns);
     live.clear();
     root->getCompletedTaskStats(&live, true);
     EXPECT_TRUE(live.empty());
@@ -778,8 +762,8 @@ TEST(SchedulerThreads, WrongThreadFailsWithTheFullMessage) {
         leFree();
     });
     auto task = created.get_future().get();
-    const std::string text = KelvoTest::thrownMessage([&] { task->scheduleTask(); });
-    EXPECT_THAT(text, ::testing::EndsWith(fmt::format(
+    const std::string text = thrownMessage([&] { task->scheduleTask(); });
+    EXPECT_THAT(text, EndsWith(fmt::format(
                           "Executing in wrong thread {}({}) pid {} scheduler belongs to thread "
                           "{}(schedOwner) pid {}",
                           static_cast<unsigned long>(pthread_self()), threadName(), ownerPid,
