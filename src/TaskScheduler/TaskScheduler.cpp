@@ -29,10 +29,15 @@ void schedulerHardAssertFail(const String& text) noexcept {
 }  // namespace Impl
 
 // Resets the statistics of a scheduler's tasks a few per run (see resetStats).
+// Unlike other tasks it does not own a share of its scheduler: the scheduler
+// owns it (resetTask_), and an owning share back would keep a scheduler whose
+// reset is still under way alive for ever. The scheduler outlives it because
+// it drops the task in its destructor, and runs it only from its own run loop.
 class TaskScheduler::ResetStatsTask : public Task {
   public:
     explicit ResetStatsTask(TaskScheduler* scheduler)
-        : Task(scheduler, TaskPriority::normal, scheduler->name() + ";ResetStats") {
+        : Task(std::shared_ptr<TaskScheduler>(std::shared_ptr<TaskScheduler>(), scheduler),
+               TaskPriority::normal, scheduler->name() + ";ResetStats") {
         includeInCompletedTaskIs(false);
     }
     void taskExecute() override { scheduler()->handleResetStatsTaskRun(*this); }
@@ -45,9 +50,17 @@ TaskScheduler::TaskScheduler(const String& name, TaskSchedulerRoot* root,
 }
 
 TaskScheduler::~TaskScheduler() {
+    dropResetTask();
     // The name lives in the history's cache, which may go with history_.
     completedTaskStats_.clear();
     name_.release();
+}
+
+void TaskScheduler::dropResetTask() {
+    if (resetTask_) {
+        resetTask_.reset();  // unschedules and unregisters it
+        resetBookmark_.unlink();
+    }
 }
 
 bool TaskScheduler::resetStatsInProgress() const {
@@ -468,9 +481,7 @@ void TaskScheduler::handleResetStatsTaskRun(TaskImpl& resetTask) {
         return;
     }
     clearStatsCommon();
-    // The reset task holds a share of this scheduler; kept past its walk it
-    // would keep the scheduler alive for ever. The run loop's reference
-    // keeps it alive to the end of this run.
+    // Done: the run loop's reference keeps it alive to the end of this run.
     resetTask_.reset();
 }
 
