@@ -176,12 +176,17 @@ bool TaskScheduler::attemptLowerPriorityBump(TaskPriority p, uint32_t n) const {
     if (p != TaskPriority::high && p != TaskPriority::normal) {
         return false;
     }
+    // Queue lengths read directly: this runs on every pick, and the counts
+    // of valid priorities need none of runnableTaskCount()'s checks.
+    const auto queued = [this](unsigned q) {
+        return runQueues_[q].enqueued - runQueues_[q].dequeued;
+    };
     uint64_t lowerWeight = 0;
     for (unsigned q = p.value() + 1u; q <= TaskPriority::low; ++q) {
-        lowerWeight += runnableTaskCount(TaskPriority(q)) * bumpWeight[q];
+        lowerWeight += queued(q) * bumpWeight[q];
     }
     return lowerWeight != 0 &&
-           uint64_t(n) * lowerWeight > runnableTaskCount(p) * bumpWeight[p.value()];
+           uint64_t(n) * lowerWeight > queued(p.value()) * bumpWeight[p.value()];
 }
 
 TaskImpl* TaskScheduler::pickOneTask(const TaskTimePoint& now, TaskPriority priority) {
