@@ -288,6 +288,9 @@ class KELVO_EXPORT TaskScheduler : public std::enable_shared_from_this<TaskSched
     RunOutcome runOne(bool requestFollowUp, TaskTimePoint* start = nullptr);
     // Requests the next run, stamping its request time.
     void requestRunAfter(const TaskTimePoint& end);
+    // Ends a reset under way (the reset task goes); called by destructors
+    // while the whole scheduler is still there for the task's unregister.
+    void dropResetTask();
 
   private:
     friend class TaskImpl;

@@ -343,31 +343,47 @@ LibeventTimerControl::~LibeventTimerControl() {
 }
 
 void LibeventTimerControl::arm(const timeval& relative) {
-    event_assign(&event_, ev_base, -1, 0, handleTimeout, this);
-    eventPrioritySet(&event_, priority_);
+    // Assigned once: an expired or deleted timer is added again as it is.
+    if (event_get_callback(&event_) != handleTimeout) {
+        event_assign(&event_, ev_base, -1, 0, handleTimeout, this);
+        eventPrioritySet(&event_, priority_);
+    }
     event_add(&event_, &relative);
 }
 
 void LibeventTimerControl::setTimeout(double seconds) {
     KELVO_TRACEM(trace(), 9, "Timer {} set timeout {}", static_cast<void*>(this), seconds);
-    delTimeout();
     // +infinity means never; a negative or NaN delay means now.
+    const bool now = !(seconds > 0);
+    if (now && expiry_ == -infinity && (event_.ev_evcallback.evcb_flags & EVLIST_TIMEOUT)) {
+        return;  // due now already: re-arming would change nothing
+    }
+    delTimeout();
     if (isUnbounded(seconds)) {
         return;
     }
     const timeval relative = Impl::durationToTimeval(seconds);
-    expiry_ = Kelvo::time() + (seconds > 0 ? seconds : 0.0);
+    // Kelvo::time() never goes back, so a timer due now is due whenever it is
+    // looked at: it is stamped -infinity, and arming it (a deferred callback's
+    // every request) reads no clock.
+    expiry_ = now ? -infinity : Kelvo::time() + seconds;
     arm(relative);
 }
 
 void LibeventTimerControl::delTimeout() {
     KELVO_TRACEM(trace(), 9, "Timer {} del timeout", static_cast<void*>(this));
-    event_del(&event_);
+    // The flags are the loop's own, of this thread: reading them needs no lock.
+    if (event_.ev_evcallback.evcb_flags & (EVLIST_TIMEOUT | EVLIST_ACTIVE | EVLIST_ACTIVE_LATER)) {
+        event_del(&event_);
+    }
 }
 
 double LibeventTimerControl::remainingTimeout() const {
     if (!event_pending(&event_, EV_TIMEOUT, nullptr)) {
         return infinity;
+    }
+    if (expiry_ == -infinity) {
+        return 0.0;
     }
     // Measured against the library's clock rather than the time of day, so
     // that neither a wall-clock step nor virtual time skews it.
@@ -381,10 +397,12 @@ void LibeventTimerControl::handleTimeout(evutil_socket_t, short, void* arg) {
     // them, so it may run a timer up to two microseconds before the
     // Kelvo::time() it was armed for. Such a timer waits for the remainder:
     // no handler ever sees a time before its expiry.
-    const double early = self->expiry_ - Kelvo::time();
-    if (early > 0.0) {
-        self->arm(toTimevalRoundedUp(early));
-        return;
+    if (self->expiry_ != -infinity) {
+        const double early = self->expiry_ - Kelvo::time();
+        if (early > 0.0) {
+            self->arm(toTimevalRoundedUp(early));
+            return;
+        }
     }
     try {
         KELVO_TRACE(trace(), 9, "Timer {} expired", static_cast<void*>(self));

@@ -718,17 +718,35 @@ TEST_F(Scheduler, AgreesWithAReferenceModelOverRandomOperations) {
 // is not released at thread exit, so these threads use roots of their own
 // rather than the thread-local one, which would outlive the loop.
 TEST(SchedulerThreads, FourRootsRunTheirOwnTasksConcurrently) {
+    // Each thread's own root runs its tasks. At thread exit the root goes,
+    // before the loop, even with a statistics reset still under way (its
+    // task once kept the root alive), and the loop leaves no descriptor.
     constexpr int threads = 4, tasksPerThread = 1000, runsPerTask = 3;
-    std::vector<std::future<int>> done;
-    for (int t = 0; t < threads; ++t) {
-        done.push_back(std::async(std::launch::async, [] {
-            int total = 0;
+    const auto& main = schedulerRootKelvo();
+    const auto liveRoots = [] {
+        return MemTrack::usage(typeName(typeid(TaskSchedulerRoot))).liveObjects;
+    };
+    const uint64_t rootsBefore = liveRoots();
+    const std::set<int> fdsBefore = KelvoTest::openFds();
+    struct Seen {
+        int runs = 0;
+        std::string name, expectedName;
+        bool stable = false, resetUnderWay = false;
+    };
+    std::vector<Seen> seen(threads);
+    std::vector<std::thread> workers;
+    for (Seen& mine : seen) {
+        workers.emplace_back([&mine] {
+            useThreadLocalSingletons();
+            const auto& root = schedulerRootKelvo();
+            mine.name = root->name();
+            mine.expectedName = "thread:" + std::to_string(::gettid());
+            mine.stable = &schedulerRootKelvo() == &root;
             {
-                auto root = schedulerRootKelvoNonShared("worker");
                 std::vector<std::shared_ptr<Probe>> tasks;
                 for (int i = 0; i < tasksPerThread; ++i) {
                     tasks.push_back(probe(root, P(unsigned(i % 5)), "w", [&](Probe& self) {
-                        ++total;
+                        ++mine.runs;
                         if (self.runs < runsPerTask)
                             self.scheduleTask();
                     }));
@@ -736,13 +754,20 @@ TEST(SchedulerThreads, FourRootsRunTheirOwnTasksConcurrently) {
                 }
                 Platform::doEventLoop();
             }
-            leFree();
-            return total;
-        }));
+            root->resetStats();
+            mine.resetUnderWay = root->resetStatsInProgress();
+        });
     }
-    for (auto& d : done)
-        EXPECT_EQ(d.get(), tasksPerThread * runsPerTask);
-    const auto& main = schedulerRootKelvo();
+    for (auto& worker : workers)
+        worker.join();
+    for (const Seen& mine : seen) {
+        EXPECT_EQ(mine.runs, tasksPerThread * runsPerTask);
+        EXPECT_EQ(mine.name, mine.expectedName);
+        EXPECT_TRUE(mine.stable);
+        EXPECT_TRUE(mine.resetUnderWay);
+    }
+    EXPECT_EQ(liveRoots(), rootsBefore);
+    EXPECT_EQ(KelvoTest::openFds(), fdsBefore);
     EXPECT_EQ(main->name(), "main");
     EXPECT_EQ(&schedulerRootKelvo(), &main);
 }

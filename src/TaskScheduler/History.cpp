@@ -7,16 +7,6 @@
 
 namespace Kelvo {
 
-namespace Impl {
-
-const std::shared_ptr<Platform::DebugHandler>& schedulerTrace() {
-    static const std::shared_ptr<Platform::DebugHandler> handle =
-        Platform::getDebugHandler("KelvoTaskScheduler");
-    return handle;
-}
-
-}  // namespace Impl
-
 namespace {
 const bool traceHandleCreated = (Impl::schedulerTrace(), true);
 }  // namespace

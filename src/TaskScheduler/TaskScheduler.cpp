@@ -29,10 +29,15 @@ void schedulerHardAssertFail(const String& text) noexcept {
 }  // namespace Impl
 
 // Resets the statistics of a scheduler's tasks a few per run (see resetStats).
+// Unlike other tasks it does not own a share of its scheduler: the scheduler
+// owns it (resetTask_), and an owning share back would keep a scheduler whose
+// reset is still under way alive for ever. The scheduler outlives it because
+// it drops the task in its destructor, and runs it only from its own run loop.
 class TaskScheduler::ResetStatsTask : public Task {
   public:
     explicit ResetStatsTask(TaskScheduler* scheduler)
-        : Task(scheduler, TaskPriority::normal, scheduler->name() + ";ResetStats") {
+        : Task(std::shared_ptr<TaskScheduler>(std::shared_ptr<TaskScheduler>(), scheduler),
+               TaskPriority::normal, scheduler->name() + ";ResetStats") {
         includeInCompletedTaskIs(false);
     }
     void taskExecute() override { scheduler()->handleResetStatsTaskRun(*this); }
@@ -45,9 +50,17 @@ TaskScheduler::TaskScheduler(const String& name, TaskSchedulerRoot* root,
 }
 
 TaskScheduler::~TaskScheduler() {
+    dropResetTask();
     // The name lives in the history's cache, which may go with history_.
     completedTaskStats_.clear();
     name_.release();
+}
+
+void TaskScheduler::dropResetTask() {
+    if (resetTask_) {
+        resetTask_.reset();  // unschedules and unregisters it
+        resetBookmark_.unlink();
+    }
 }
 
 bool TaskScheduler::resetStatsInProgress() const {
@@ -163,12 +176,17 @@ bool TaskScheduler::attemptLowerPriorityBump(TaskPriority p, uint32_t n) const {
     if (p != TaskPriority::high && p != TaskPriority::normal) {
         return false;
     }
+    // Queue lengths read directly: this runs on every pick, and the counts
+    // of valid priorities need none of runnableTaskCount()'s checks.
+    const auto queued = [this](unsigned q) {
+        return runQueues_[q].enqueued - runQueues_[q].dequeued;
+    };
     uint64_t lowerWeight = 0;
     for (unsigned q = p.value() + 1u; q <= TaskPriority::low; ++q) {
-        lowerWeight += runnableTaskCount(TaskPriority(q)) * bumpWeight[q];
+        lowerWeight += queued(q) * bumpWeight[q];
     }
     return lowerWeight != 0 &&
-           uint64_t(n) * lowerWeight > runnableTaskCount(p) * bumpWeight[p.value()];
+           uint64_t(n) * lowerWeight > queued(p.value()) * bumpWeight[p.value()];
 }
 
 TaskImpl* TaskScheduler::pickOneTask(const TaskTimePoint& now, TaskPriority priority) {
@@ -468,9 +486,7 @@ void TaskScheduler::handleResetStatsTaskRun(TaskImpl& resetTask) {
         return;
     }
     clearStatsCommon();
-    // The reset task holds a share of this scheduler; kept past its walk it
-    // would keep the scheduler alive for ever. The run loop's reference
-    // keeps it alive to the end of this run.
+    // Done: the run loop's reference keeps it alive to the end of this run.
     resetTask_.reset();
 }
 

@@ -29,8 +29,13 @@
 namespace Kelvo {
 namespace Impl {
 
-// The module's trace handle, "KelvoTaskScheduler".
-const std::shared_ptr<Platform::DebugHandler>& schedulerTrace();
+// The module's trace handle, "KelvoTaskScheduler". Inline: every run checks
+// it a few times, and the check must cost a load, not a call.
+inline const std::shared_ptr<Platform::DebugHandler>& schedulerTrace() {
+    static const std::shared_ptr<Platform::DebugHandler> handle =
+        Platform::getDebugHandler("KelvoTaskScheduler");
+    return handle;
+}
 
 // Invariants whose failure must stop the process even when assertions
 // throw: writes "TaskSchedulerCpp: <text>" to standard error and aborts.

@@ -24,8 +24,7 @@ std::shared_ptr<TaskSchedulerRoot> TaskSchedulerRoot::TaskSchedulerRootIs(const 
 }
 
 TaskSchedulerRoot::TaskSchedulerRoot(const String& name)
-    : TaskScheduler(name, this,
-                    allocateShared<TaskSchedulerHistory>(defaultHistoryEntryCount)),
+    : TaskScheduler(name, this, allocateShared<TaskSchedulerHistory>(defaultHistoryEntryCount)),
       callbackControl_(Platform::getCallbackControl(this)),
       timerWheel_(getTimerWheelForTaskScheduler(Platform::eventPriorityDefault)),
       ownerThread_(static_cast<unsigned long>(pthread_self())),
@@ -41,6 +40,8 @@ TaskSchedulerRoot::TaskSchedulerRoot(const String& name)
 }
 
 TaskSchedulerRoot::~TaskSchedulerRoot() {
+    // The reset task's unschedule and unregister use the root's own members.
+    dropResetTask();
     unregisterScheduler(this);
 }
 
