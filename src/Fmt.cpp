@@ -118,7 +118,7 @@ struct PlainField {
 
 // Almost every message is literal text and bare "{}" fields of integers and
 // strings. Those are written here with plain copies, at about half the
-// cost of fmt's general parser; anything else (a format spec, an argument id,
+// cost of fmt's general parser; anything else (a width or precision, an argument id,
 // an escaped brace, another type) is left to fmt, which then formats the whole
 // message. Returns false, with buffer as it was, in that case.
 template <typename Buffer>
