@@ -69,8 +69,11 @@ TEST(Util, FileSizeHelperThrowsOnProductOrSumOverflow) {
     };
     for (const auto& [entries, size, extra, expected] : cases) {
         std::string sum;
+        // Copies: clang 14 cannot capture structured bindings.
         const std::string thrown = thrownMessage<Kelvo::RuntimeException>(
-            [&] { sum = std::to_string(Util::fileSizeHelper(entries, size, extra)); });
+            [&sum, entries = entries, size = size, extra = extra] {
+                sum = std::to_string(Util::fileSizeHelper(entries, size, extra));
+            });
         EXPECT_EQ(sum.empty() ? thrown : sum, expected);
     }
 }
@@ -198,8 +201,10 @@ TEST_F(LocalSocket, BadArgumentsAndMissingSystemFileAreHandled) {
                      pipe.fds[0])},
     };
     for (const auto& [sd, size, text] : cases) {
-        EXPECT_THAT(thrownMessage([sd, size] { Util::setSocketSendBufferSize(sd, size); }),
-                    HasSubstr(text));
+        // Copies: clang 14 cannot capture structured bindings.
+        EXPECT_THAT(
+            thrownMessage([sd = sd, size = size] { Util::setSocketSendBufferSize(sd, size); }),
+            HasSubstr(text));
     }
 
     EXPECT_EQ(Kelvo::Impl::maxSendBufferSize(path("absent")), 8388608);
