@@ -240,15 +240,20 @@ const char* errorText(int error) {
     return std::strerror(error);
 }
 
-bool readProcessFile(Platform::DebugHandler& handle, Impl::ProcFileBuffer& buffer, pid_t pid,
-                     const char* name) {
-    char path[64];
-    fmt::format_to_n(path, sizeof path - 1, "/proc/{}/{}", pid, name).out[0] = '\0';
+// Reads a /proc file into buffer, or traces why it could not.
+bool readTraced(Platform::DebugHandler& handle, Impl::ProcFileBuffer& buffer, const char* path) {
     if (!buffer.read(path)) {
         KELVO_TRACE(handle, 1, "unable to read {}: {}", path, errorText(errno));
         return false;
     }
     return true;
+}
+
+bool readProcessFile(Platform::DebugHandler& handle, Impl::ProcFileBuffer& buffer, pid_t pid,
+                     const char* name) {
+    char path[64];
+    fmt::format_to_n(path, sizeof path - 1, "/proc/{}/{}", pid, name).out[0] = '\0';
+    return readTraced(handle, buffer, path);
 }
 
 std::optional<Impl::StatFields> readStat(Platform::DebugHandler& handle,
@@ -272,8 +277,7 @@ std::optional<int64_t> bootTime(Platform::DebugHandler& handle) {
         return value;
     }
     Impl::ProcFileBuffer buffer;
-    if (!buffer.read("/proc/stat")) {
-        KELVO_TRACE(handle, 1, "unable to read {}: {}", "/proc/stat", errorText(errno));
+    if (!readTraced(handle, buffer, "/proc/stat")) {
         return std::nullopt;
     }
     const auto bootTime = Impl::parseBootTime(buffer.text());
@@ -415,8 +419,7 @@ std::optional<std::vector<pid_t>> lockOwners(Platform::DebugHandler& handle, con
         return std::nullopt;
     }
     Impl::ProcFileBuffer buffer;
-    if (!buffer.read("/proc/locks")) {
-        KELVO_TRACE(handle, 1, "unable to read {}: {}", "/proc/locks", errorText(errno));
+    if (!readTraced(handle, buffer, "/proc/locks")) {
         return std::nullopt;
     }
     // Only the inode is compared here: some file systems (overlays, btrfs
@@ -461,8 +464,7 @@ std::optional<std::vector<pid_t>> abstractSocketOwners(Platform::DebugHandler& h
     String shown = "@" + name;
     std::replace(shown.begin(), shown.end(), '\0', '@');
     Impl::ProcFileBuffer buffer;
-    if (!buffer.read("/proc/net/unix")) {
-        KELVO_TRACE(handle, 1, "unable to read {}: {}", "/proc/net/unix", errorText(errno));
+    if (!readTraced(handle, buffer, "/proc/net/unix")) {
         return std::nullopt;
     }
     const auto inodes = Impl::unixSocketInodes(buffer.text(), shown);
@@ -503,8 +505,7 @@ std::optional<std::vector<pid_t>> abstractSocketOwners(Platform::DebugHandler& h
 
 std::vector<String> abstractSocketNames(Platform::DebugHandler& handle, const String& prefix) {
     Impl::ProcFileBuffer buffer;
-    if (!buffer.read("/proc/net/unix")) {
-        KELVO_TRACE(handle, 1, "unable to read {}: {}", "/proc/net/unix", errorText(errno));
+    if (!readTraced(handle, buffer, "/proc/net/unix")) {
         return {};
     }
     return Impl::abstractNames(buffer.text(), prefix);
@@ -640,9 +641,7 @@ std::optional<String> remoteTypeName(Platform::DebugHandler& handle, pid_t pid, 
 
 std::optional<uint32_t> coreDumpFilter(Platform::DebugHandler& handle) {
     Impl::ProcFileBuffer buffer;
-    if (!buffer.read("/proc/self/coredump_filter")) {
-        KELVO_TRACE(handle, 1, "unable to read {}: {}", "/proc/self/coredump_filter",
-                    errorText(errno));
+    if (!readTraced(handle, buffer, "/proc/self/coredump_filter")) {
         return std::nullopt;
     }
     const auto mask = Impl::parseCoreDumpFilter(buffer.text());
