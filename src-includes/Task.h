@@ -25,6 +25,7 @@
 #include "IntrusiveBookmarkLinkedList.h"
 #include "IntrusiveLinkedListBase.h"
 #include "KelvoBase.h"
+#include "TimerWheelCpp.h"
 
 namespace Kelvo {
 
@@ -287,7 +288,10 @@ class KELVO_EXPORT TaskImpl : public _TaskBase {
     ~TaskImpl() override;
 
     void taskStatsNameIs(const String& name) override;
-    bool taskScheduled() const override { return taskRunQueueLink_.isLinked(); }
+    bool taskScheduled() const override { return taskOnRunQueue(); }
+    // Run-queue membership alone, whatever taskScheduled() of a derived kind
+    // adds (a timer task is also scheduled while its timer runs).
+    bool taskOnRunQueue() const noexcept { return taskRunQueueLink_.isLinked(); }
     // Asks whether the quantum of the current run is used up.
     bool taskShouldYield() const override;
     void taskWorkCountInc(unsigned long n) override;
@@ -389,6 +393,78 @@ class KELVO_EXPORT TaskImpl : public _TaskBase {
 class KELVO_EXPORT Task : public TaskImpl {
   public:
     using TaskImpl::TaskImpl;
+};
+
+// ---------------------------------------------------------------------------
+// Timer tasks
+
+// A task queued after a delay instead of at once. The delay is one event of
+// the root scheduler's timer wheel; when it fires the task is queued and then
+// competes with the other tasks of its priority. Delays are durations or
+// seconds as a double; TimerTask::never (the largest duration) and +infinity
+// mean never, which stops the timer.
+//
+// States: idle -> timer running -> queued (fired, or scheduled directly) ->
+// running -> idle. The task is never queued and timing at once: starting the
+// timer with force takes the task off its queue, and queueing stops the timer.
+//
+// Thread and ownership as for every task: the root's thread, which every
+// public operation checks; owned by its user, normally through std::shared_ptr.
+// Destroying it stops its timer.
+class KELVO_EXPORT TimerTask : public TaskImpl, public TimerWheelEvent {
+  public:
+    static constexpr TaskTimeDuration never = TaskTimeDuration::max();
+
+    TimerTask(std::shared_ptr<TaskScheduler> scheduler, TaskPriority priority, const String& name);
+    TimerTask(TaskScheduler* scheduler, TaskPriority priority, const String& name);
+    ~TimerTask() override;
+
+    // Queued, or waiting for its timer.
+    bool taskScheduled() const override { return taskOnRunQueue() || timerRunning_; }
+    // Stops a running timer and queues the task now.
+    void scheduleTask() override;
+    // Stops a running timer and runs the task now.
+    void taskRunFromTest() override;
+    // TaskImpl's bits plus timer (always) and timerRunning.
+    TaskStat::TaskStatus taskStatus() const override;
+
+    // Replaces any running timer; zero queues now, never stops.
+    void scheduleTaskDelay(TaskTimeDuration delay);
+    void scheduleTaskDelay(double seconds);
+    // Only ever brings the run forward: a queued task, or a timer due no
+    // later than the delay, is left alone. Never as a duration is an
+    // assertion.
+    void scheduleTaskLowestDelay(TaskTimeDuration delay);
+    void scheduleTaskLowestDelay(double seconds);
+    // As scheduleTaskDelay at delay plus or minus a random offset of up to
+    // maxJitterPercentage (at most 100) percent of it, drawn from the root.
+    void scheduleTaskJitterUp(TaskTimeDuration delay, uint8_t maxJitterPercentage);
+    void scheduleTaskJitterUp(double seconds, uint8_t maxJitterPercentage);
+    void scheduleTaskJitterDown(TaskTimeDuration delay, uint8_t maxJitterPercentage);
+    void scheduleTaskJitterDown(double seconds, uint8_t maxJitterPercentage);
+    // Stops the timer and takes the task off its queue.
+    void stopTimerTask();
+
+    bool timerRunning() const noexcept { return timerRunning_; }
+    // Seconds until the timer fires; 0.0 once due, +infinity when not running.
+    double timerRemaining() const { return remainingTimeout(); }
+    // Kelvo::time() now when queued, +infinity when no timer runs, else the
+    // timer's expiry.
+    double currentExpirationTime() const;
+
+  private:
+    // The wheel event fired: queue now.
+    void timeout() override;
+    void scheduleAfter(double seconds, bool force);
+    void scheduleJitter(TaskTimeDuration delay, uint8_t percentage, bool up);
+    void scheduleJitter(double seconds, uint8_t percentage, bool up);
+    // The offset, in delay's unit, for a jitter of up to percentage percent.
+    double jitterOffset(double delay, uint8_t percentage);
+    // Stops a running timer, recording it; false when none ran.
+    bool timerStop();
+    TimerWheel& wheel() const;
+
+    bool timerRunning_ = false;
 };
 
 }  // namespace Kelvo

@@ -115,7 +115,7 @@ void TaskImpl::taskStatsNameIs(const String& name) {
 void TaskImpl::scheduleTask() {
     TaskScheduler& s = *scheduler();
     s.sanityCheckCurrentRunningThread();
-    if (taskScheduled()) {
+    if (taskOnRunQueue()) {
         return;
     }
     const TaskTimePoint now = s.steadyNow();
@@ -133,7 +133,7 @@ void TaskImpl::unscheduleTask() {
     TaskScheduler& s = *scheduler();
     s.sanityCheckCurrentRunningThread();
     const TaskTimePoint now = s.steadyNow();
-    if (taskScheduled()) {
+    if (taskOnRunQueue()) {
         s.runQueueUnlink(*this, now);
         taskHistoryInsert(now, Type::unschedule);
         KELVO_TRACEM(Impl::schedulerTrace(), 8, "Unscheduled {}", *this);
@@ -144,7 +144,7 @@ void TaskImpl::unscheduleTask() {
 void TaskImpl::taskRunFromTest() {
     TaskScheduler& s = *scheduler();
     s.sanityCheckCurrentRunningThread();
-    KELVO_SCHED_ASSERTM(!taskScheduled(), "Task: {} is on a run queue", *this);
+    KELVO_SCHED_ASSERTM(!taskOnRunQueue(), "Task: {} is on a run queue", *this);
     // Held like the run loop holds a task, so a task may drop its owner's
     // reference inside its run.
     const std::shared_ptr<_TaskBase> self = weak_from_this().lock();
@@ -153,7 +153,7 @@ void TaskImpl::taskRunFromTest() {
 
 TaskStat::TaskStatus TaskImpl::taskStatus() const {
     TaskStat::TaskStatus status;
-    status.taskOnRunQueueIs(taskScheduled());
+    status.taskOnRunQueueIs(taskOnRunQueue());
     status.taskCurrentlyRunningIs(currentlyRunning_);
     status.taskSuspendedIs(taskSuspended());
     status.taskIsTaskGroupIs(isTaskGroup() != nullptr);
