@@ -14,6 +14,8 @@
 // Exceptions: the timer and callback controls call their handler without a
 // guard, so an exception leaves the task run and the scheduler run, and
 // handleTimeoutException() and handleCallbackException() are never consulted.
+// The descriptor control alone offers its handler's exception to
+// handleFdException(fd).
 #pragma once
 
 #include <memory>
@@ -77,6 +79,41 @@ class KELVO_EXPORT TaskCallbackControl : public Task, public CallbackControl {
 KELVO_EXPORT std::shared_ptr<CallbackControl> getCallbackControl(
     CallbackHandler* handler, std::shared_ptr<TaskScheduler> scheduler, TaskPriority priority,
     String name);
+// ---------------------------------------------------------------------------
+// Descriptor control
+
+// Descriptor events as runs of a FileDescriptorTask: readFdEvent and
+// writeFdEvent are called from the inner read and write tasks. Writability is
+// one-shot, as on the event loop: a handler that wants another writeFdEvent
+// calls setWrites(true) from inside writeFdEvent. An exception from either is
+// offered to the handler's handleFdException(fd): true swallows it, false
+// lets it out of the task run and so out of the scheduler run.
+class KELVO_EXPORT TaskFdControl : public FileDescriptorTask, public FdControl {
+  public:
+    TaskFdControl(FdEventHandler* handler, std::shared_ptr<TaskScheduler> scheduler,
+                  TaskPriority priority, const String& name);
+
+    void setReads(bool enabled) override { taskWatchReadableIs(enabled); }
+    void setWrites(bool enabled) override { taskWatchWritableIs(enabled); }
+    void setFd(int fd) override { taskWatchFdIs(fd); }
+    void delFd() override { taskWatchFdDel(); }
+    int getFd() const override { return taskWatchFd(); }
+    // Forgets the descriptor too, as delFd() does.
+    void clearEvents() override { taskWatchFdDel(); }
+
+    void taskExecuteReadable() override;
+    void taskExecuteWritable() override;
+
+  private:
+    void notify(void (FdEventHandler::*notification)(int));
+
+    FdEventHandler* handler_;
+};
+
+// A descriptor control served by a task of scheduler, registered there at once.
+KELVO_EXPORT std::shared_ptr<FdControl> getFdControl(FdEventHandler* handler,
+                                                     std::shared_ptr<TaskScheduler> scheduler,
+                                                     TaskPriority priority, String name);
 
 }  // namespace Platform
 }  // namespace Kelvo
