@@ -466,6 +466,9 @@ class KELVO_EXPORT TimerTask : public TaskImpl, public TimerWheelEvent {
     TimerWheel& wheel() const;
 
     bool timerRunning_ = false;
+};
+
+// ---------------------------------------------------------------------------
 // Descriptor tasks
 
 // Readiness of one descriptor turned into scheduled work. The task watches its
