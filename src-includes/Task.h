@@ -346,9 +346,8 @@ class KELVO_EXPORT TaskImpl : public _TaskBase {
     // must tear it down before its destructor runs.
     void handleDestroy();
 
-    // The task group this task is a member of, or null (groups are built on
-    // the scheduler; a plain scheduler's tasks are members of none).
-    TaskGroup* isTaskGroup() const noexcept { return nullptr; }
+    // The group a group's parent task runs, or null for any other task.
+    TaskGroup* isTaskGroup() const noexcept;
     uint32_t taskMagicNumber() const noexcept { return magic_; }
     TaskTimePoint taskEnqueueTime() const noexcept { return enqueueTime_; }
     TaskTimePoint taskRunStart() const noexcept { return runStart_; }

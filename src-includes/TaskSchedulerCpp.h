@@ -363,6 +363,8 @@ class KELVO_EXPORT TaskSchedulerRoot : public TaskScheduler, private Platform::C
     void registerScheduler(TaskScheduler* scheduler);
     void unregisterScheduler(TaskScheduler* scheduler);
     const std::set<TaskScheduler*>& schedulers() const noexcept { return schedulers_; }
+    // The registered schedulers other than the root: its task groups.
+    size_t taskGroupCount() const noexcept { return schedulers_.size() - 1; }
 
     // A suspended root ignores (and records) runs but still queues tasks.
     void suspendedIs(bool suspended);
@@ -435,6 +437,106 @@ class KELVO_EXPORT TaskSchedulerRoot : public TaskScheduler, private Platform::C
 inline TaskTimePoint TaskScheduler::steadyNow() const {
     return root_->steadyNow();
 }
+
+// A task group: tasks that behave towards the enclosing scheduler as one task,
+// so that a family of tasks takes at most one task's share of the thread and
+// shows in statistics as one. The group is a scheduler of its own (members
+// keep their priorities and the weighted pick among themselves), driven by a
+// parent task "TaskGroup;<name>" queued in the enclosing scheduler at the
+// group priority. One run of the parent, a turn, runs members until the
+// parent's quantum (the group quantum) is used or none is left to pick.
+//
+// Invariants, between turns:
+//  1. The parent task is queued exactly when the group has runnable members
+//     (unless the parent is suspended).
+//  2. With multiple runs not permitted, a turn picks only members queued when
+//     it began, so each runs at most once per turn; one queued during a turn
+//     waits for the next, behind those the turn left over.
+//  3. The root's virtual run start is the parent's during a turn between
+//     member runs, so the parent's quantum counts from the turn's start.
+//
+// Statistics: a reset of the enclosing scheduler's clears the group's at once
+// (clearStats). The group's own resetStats() runs a reset task at normal
+// priority, which a group enforcing another priority refuses.
+//
+// Thread: the root's thread only, as every scheduler.
+//
+// Ownership: shared (TaskGroupIs). Members hold a share of their group, as
+// every task does of its scheduler: a group whose last outside reference is
+// dropped keeps running its members and goes with the last of them. The group
+// owns its parent task and a share of the enclosing scheduler; the parent
+// points back without owning, so a parent task kept beyond its group by
+// someone else does nothing when run.
+class KELVO_EXPORT TaskGroup : public TaskScheduler {
+  public:
+    class KELVO_EXPORT ParentTask final : public Task {
+      public:
+        // Made by the group; public only for shared allocation.
+        ParentTask(const std::shared_ptr<TaskScheduler>& enclosing, TaskPriority priority,
+                   TaskGroup* group);
+        // One turn of the group.
+        void taskExecute() override;
+        // Clears the group's statistics with the parent's.
+        void handleResetStats() override;
+        // Null once the group is gone.
+        TaskGroup* group() const noexcept { return group_; }
+
+      private:
+        friend class TaskGroup;
+        TaskGroup* group_;
+    };
+
+    static std::shared_ptr<TaskGroup> TaskGroupIs(const String& name, TaskPriority priority,
+                                                  bool enforcePriority,
+                                                  const std::shared_ptr<TaskScheduler>& enclosing);
+    // Use TaskGroupIs; public only for shared allocation.
+    TaskGroup(const String& name, TaskPriority priority, bool enforcePriority,
+              const std::shared_ptr<TaskScheduler>& enclosing);
+    ~TaskGroup() override;
+
+    // Queues the parent task.
+    void requestSchedulerRun() override;
+    // The parent forces yields while a member or the group itself does.
+    void handleTaskForceYieldInTest() override;
+    // With enforcement on, members must have the group priority.
+    void taskRegister(TaskImpl* task) override;
+
+    const std::shared_ptr<ParentTask>& parentTask() const noexcept { return parentTask_; }
+    const std::shared_ptr<TaskScheduler>& enclosingScheduler() const noexcept { return enclosing_; }
+    TaskPriority taskGroupPriority() const noexcept { return priority_; }
+    bool enforceGroupPriority() const noexcept { return enforcePriority_; }
+
+    // The parent task's quantum, with the bounds of taskQuantumIs and
+    // taskQuantumNoCheckIs.
+    TaskTimeDuration taskGroupQuantum() const noexcept { return parentTask_->taskQuantum(); }
+    void taskGroupQuantumIs(TaskTimeDuration quantum) { parentTask_->taskQuantumIs(quantum); }
+    void taskGroupQuantumNoCheckIs(TaskTimeDuration quantum) {
+        parentTask_->taskQuantumNoCheckIs(quantum);
+    }
+
+    // Whether a member may run more than once in a turn (invariant 2); read
+    // at the start of each turn.
+    bool tasksPermittedMultipleRuns() const noexcept { return tasksPermittedMultipleRuns_; }
+    void tasksPermittedMultipleRunsIs(bool permitted) noexcept {
+        tasksPermittedMultipleRuns_ = permitted;
+    }
+    uint32_t parentTaskRunCount() const noexcept { return parentTask_->taskRunCount(); }
+    bool parentTaskScheduled() const noexcept { return parentTask_->taskScheduled(); }
+
+    // Makes the parent task yield after every member run.
+    bool taskGroupForceYieldInTest() const noexcept { return forceYieldInTest_; }
+    void taskGroupForceYieldInTestIs(bool on);
+
+  private:
+    void runTurn(ParentTask& parent);
+
+    std::shared_ptr<ParentTask> parentTask_;
+    std::shared_ptr<TaskScheduler> enclosing_;
+    TaskPriority priority_;
+    bool enforcePriority_;
+    bool forceYieldInTest_ = false;
+    bool tasksPermittedMultipleRuns_ = true;
+};
 
 // The calling thread's root, created on first use ("main" on the main
 // thread, else "thread:<tid>") and released at thread exit, before the
