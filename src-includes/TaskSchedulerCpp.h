@@ -442,6 +442,29 @@ class KELVO_EXPORT TaskSchedulerRoot : public TaskScheduler, private Platform::C
         return std::chrono::steady_clock::now();
     }
 
+    // The text report of every scheduler of this root, merged: per-priority
+    // counts, the run-loop slip, a legend and a table of tasks, heaviest
+    // first. includeNoRuns keeps tasks that never ran (otherwise counted as
+    // skipped), showAddress appends each live task's TaskKey to its name,
+    // includeCompleted adds the table of finished tasks, includeHistory
+    // appends the history dump. Checks the calling thread. When a task's
+    // work-count high water is unset (it never reported work), its three
+    // work-count cells (total, average, high water) are blank; likewise its
+    // two pending cells when the pending high water is unset. A reported 0
+    // thus reads apart from "never reported".
+    void statsRenderTextForDebug(std::ostream& out, bool includeNoRuns, bool showAddress,
+                                 bool includeCompleted, bool includeHistory) const;
+    // The descriptor must be blocking; it is left open.
+    void statsRenderTextForDebug(int fd, bool includeNoRuns, bool showAddress,
+                                 bool includeCompleted, bool includeHistory) const;
+    String statsRenderTextForDebugToString(bool includeNoRuns, bool showAddress,
+                                           bool includeCompleted, bool includeHistory) const;
+    // Everything the report can show, for a debugger's call: every task with
+    // its address, the completed tasks and the history.
+    void statsRenderTextForDebugStdErr() const;
+    // queueStats() of every scheduler of this root, summed.
+    TaskSchedulerQueueStats queueStatsRoot() const;
+
   private:
     std::set<TaskScheduler*> schedulers_;
     std::shared_ptr<Platform::CallbackControl> callbackControl_;
@@ -697,6 +720,22 @@ KELVO_EXPORT String subSchedulerKey(const TaskStat& stat);
 // "TaskSchedulerRenderJson-fd:<fd>" followed by suffix when there is one:
 // the names of the tasks that write a report to fd.
 KELVO_EXPORT String makeJsonTaskName(int fd, const char* suffix);
+
+// ---------------------------------------------------------------------------
+// The text report
+
+// The text report's body (see TaskSchedulerRoot::statsRenderTextForDebug):
+// completed is null when finished tasks are not reported. The tables order
+// pointers to the records; the records themselves are not moved.
+KELVO_EXPORT void statsRenderTextImpl(std::ostream& out, const TaskSchedulerQueueStats& queueStats,
+                                      TaskTimeDuration slip, std::vector<TaskStat>* tasks,
+                                      unsigned skipped, std::vector<TaskStat>* completed,
+                                      unsigned completedSkipped, bool showAddress);
+// One task table with its header row and, when skipped is above 0, the
+// "Skipped" line; completed adds the Completed column.
+KELVO_EXPORT void statsRenderTextTasks(std::ostream& out, std::vector<TaskStat>& tasks,
+                                       std::string title, unsigned skipped, bool completed,
+                                       bool showAddress);
 
 }  // namespace Kelvo
 
