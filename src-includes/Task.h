@@ -25,6 +25,7 @@
 #include "IntrusiveBookmarkLinkedList.h"
 #include "IntrusiveLinkedListBase.h"
 #include "KelvoBase.h"
+#include "PlatformCpp.h"
 
 namespace Kelvo {
 
@@ -389,6 +390,120 @@ class KELVO_EXPORT TaskImpl : public _TaskBase {
 class KELVO_EXPORT Task : public TaskImpl {
   public:
     using TaskImpl::TaskImpl;
+};
+
+// ---------------------------------------------------------------------------
+// Descriptor tasks
+
+// Readiness of one descriptor turned into scheduled work. The task watches its
+// descriptor through an event-loop FdControl; readability schedules an inner
+// read task and writability an inner write task, which run the user's
+// taskExecuteReadable() / taskExecuteWritable() at the task's priority, each
+// with its own statistics (named "<name>:read", "<name>:write"). Readability
+// is watched continuously; writability is one-shot: a writer with more to
+// write calls taskWatchWritableIs(true) again from inside its run.
+//
+// Thread: the scheduler's thread only. Ownership: hold it by std::shared_ptr
+// (an inner run takes a share of it, so it survives a run that drops its last
+// outside reference; an unshared one never runs). It owns its control and its
+// inner tasks; the inner tasks point back to it without a share, and its
+// destructor cuts that link before it releases them.
+class KELVO_EXPORT FileDescriptorTask : public _TaskBase, public Platform::FdEventHandler {
+  public:
+    class ReadWriteTaskBase;
+    class ReadTask;
+    class WriteTask;
+
+    FileDescriptorTask(std::shared_ptr<TaskScheduler> scheduler, TaskPriority priority,
+                       const String& name);
+    FileDescriptorTask(TaskScheduler* scheduler, TaskPriority priority, const String& name);
+    ~FileDescriptorTask() override;
+
+    // The owner's stats name; the inner tasks get name + ":read" / ":write".
+    void taskStatsNameIs(const String& name) override;
+    // Either inner task is queued.
+    bool taskScheduled() const override;
+    // These three act on the inner task that is running: call them only from
+    // inside taskExecuteReadable() or taskExecuteWritable().
+    bool taskShouldYield() const override;
+    void taskWorkCountInc(unsigned long n) override;
+    void taskWorkPendingIs(unsigned n) override;
+
+    virtual void taskExecuteReadable() = 0;
+    virtual void taskExecuteWritable() = 0;
+
+    // Notifications from the control: schedule the matching inner task. A
+    // notification for a direction not watched, or for another descriptor,
+    // fails an assertion.
+    void readFdEvent(int fd) override;
+    void writeFdEvent(int fd) override;
+
+    int taskWatchFd() const;
+    // Another descriptor unschedules both inner tasks, then watches fd.
+    void taskWatchFdIs(int fd);
+    // Unschedules both inner tasks and stops watching (the fd stays open).
+    void taskWatchFdDel();
+    bool taskWatchReadable() const noexcept { return watchReadable_; }
+    // Turning it off unschedules the read task.
+    void taskWatchReadableIs(bool watch);
+    bool taskWatchWritable() const noexcept { return watchWritable_; }
+    // Creates the write task on first use; turning it off unschedules it.
+    void taskWatchWritableIs(bool watch);
+    void scheduleTaskReadable();
+    void scheduleTaskWritable();
+
+    // Per-direction figures; the Writable ones read 0 while there is no
+    // write task. The high-water marks are 0xFFFFFFFF until first counted.
+    uint64_t taskWorkCountReadableTotal() const;
+    float taskWorkCountReadableDecayAvg() const;
+    uint32_t taskWorkCountReadableHighWaterMark() const;
+    uint32_t taskWorkPendingReadable() const;
+    uint32_t taskWorkPendingReadableHighWaterMark() const;
+    uint32_t taskRunCountReadable() const;
+    uint64_t taskWorkCountWritableTotal() const;
+    float taskWorkCountWritableDecayAvg() const;
+    uint32_t taskWorkCountWritableHighWaterMark() const;
+    uint32_t taskWorkPendingWritable() const;
+    uint32_t taskWorkPendingWritableHighWaterMark() const;
+    uint32_t taskRunCountWritable() const;
+    // Both directions.
+    uint32_t taskRunCount() const { return taskRunCountReadable() + taskRunCountWritable(); }
+    void taskWorkCountReadableInc(unsigned long n);
+    void taskWorkPendingReadableIs(unsigned n);
+    // These two fail an assertion while there is no write task.
+    void taskWorkCountWritableInc(unsigned long n);
+    void taskWorkPendingWritableIs(unsigned n);
+
+    // Applied to both inner tasks (and copied to a write task created later);
+    // read back from the read task.
+    void taskQuantumIs(TaskTimeDuration quantum);
+    TaskTimeDuration taskQuantum() const;
+    void taskSuspendedIs(bool suspended);
+    bool taskSuspended() const;
+    void taskTestYieldRatioIs(uint8_t ratio);
+    uint8_t taskTestYieldRatio() const;
+    void taskForceYieldInTestIs(bool on) { taskTestYieldRatioIs(on ? 1 : 0); }
+    bool taskForceYieldInTest() const { return taskTestYieldRatio() == 1; }
+
+    // The inner tasks (the write task is null until first needed), for
+    // statistics and tests.
+    TaskImpl* readTask() const noexcept;
+    TaskImpl* writeTask() const noexcept;
+
+  private:
+    void construct();
+    void checkCreateWriteTask();
+    // Runs one user operation with task as the executing task.
+    void executeAs(TaskImpl* task, void (FileDescriptorTask::*operation)());
+    TaskImpl& executing() const;
+
+    bool watchReadable_ = false;
+    bool watchWritable_ = false;
+    std::shared_ptr<Platform::FdControl> control_;
+    std::shared_ptr<ReadTask> readTask_;
+    std::shared_ptr<WriteTask> writeTask_;
+    // The inner task inside its taskExecute(), else null.
+    TaskImpl* executing_ = nullptr;
 };
 
 }  // namespace Kelvo

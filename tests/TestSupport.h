@@ -339,4 +339,12 @@ class HeldChild {
     std::string report_;
 };
 
+// Runs the calling thread's loop in 10 ms slices until done() holds or the
+// limit (seconds of loop time) is spent; returns done().
+inline bool loopUntil(const std::function<bool()>& done, double limit = 10.0) {
+    for (double spent = 0; !done() && spent < limit; spent += 0.01)
+        Kelvo::Platform::doEventLoop(0.01);
+    return done();
+}
+
 }  // namespace KelvoTest

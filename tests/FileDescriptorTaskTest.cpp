@@ -1,0 +1,253 @@
+#include <Kelvo/TaskSchedulerCpp.h>
+
+#include <sys/socket.h>
+
+#include "TestSupport.h"
+
+namespace {
+
+using namespace Kelvo;
+using namespace std::chrono_literals;
+using KelvoTest::EndsWith;
+using KelvoTest::loopUntil;
+using KelvoTest::thrownMessage;
+using P = TaskPriority;
+
+// Counts its runs per direction and does in each what its test asks.
+struct Watcher : FileDescriptorTask {
+    std::function<void(Watcher&)> onRead, onWrite;
+    int reads = 0, writes = 0;
+    Watcher(const std::shared_ptr<TaskScheduler>& scheduler, int fd)
+        : FileDescriptorTask(scheduler, P::normal, "w") {
+        taskWatchFdIs(fd);
+    }
+    void taskExecuteReadable() override {
+        ++reads;
+        if (onRead)
+            onRead(*this);
+    }
+    void taskExecuteWritable() override {
+        ++writes;
+        if (onWrite)
+            onWrite(*this);
+    }
+};
+
+// A socketpair per case (sv[0] watched, sv[1] the peer) on a root of its own;
+// the case must leave the descriptor table as it found it.
+class FdTask : public KelvoTest::OsTest {
+  protected:
+    void SetUp() override {
+        OsTest::SetUp();
+        ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
+    }
+    void TearDown() override {
+        ::close(sv[0]);
+        ::close(sv[1]);
+        OsTest::TearDown();
+    }
+    std::shared_ptr<Watcher> watcher() { return std::make_shared<Watcher>(root, sv[0]); }
+    void send(size_t n) { ASSERT_EQ(::write(sv[1], std::string(n, 'x').data(), n), ssize_t(n)); }
+
+    std::shared_ptr<TaskSchedulerRoot> root = schedulerRootKelvoNonShared("fd");
+    int sv[2] = {-1, -1};
+};
+
+TEST_F(FdTask, WriteTaskCreatedOnFirstNeedCopiesTheReadTasksSettings) {
+    struct Case {
+        uint8_t ratio;
+        bool suspended;
+        TaskTimeDuration writeQuantum;  // a ratio of 1 leaves the default
+    } cases[] = {{0, false, 5ms}, {3, true, 5ms}, {1, false, TaskScheduler::defaultQuantum}};
+    for (const Case& c : cases) {
+        auto w = watcher();
+        ASSERT_EQ(w->writeTask(), nullptr);
+        EXPECT_EQ(root->tasksPerPriority(P::normal), 1u);
+        w->taskQuantumIs(5ms);
+        w->taskTestYieldRatioIs(c.ratio);
+        w->taskSuspendedIs(c.suspended);
+        w->taskStatsNameIs("renamed");
+        w->taskWatchWritableIs(true);
+        ASSERT_NE(w->writeTask(), nullptr);
+        EXPECT_EQ(root->tasksPerPriority(P::normal), 2u);
+        EXPECT_EQ(w->readTask()->taskName(), "w:read");
+        EXPECT_EQ(w->writeTask()->taskName(), "w:write");
+        EXPECT_EQ(w->writeTask()->taskStatsName(), "renamed:write");
+        EXPECT_EQ(w->readTask()->taskStatsName(), "renamed:read");
+        EXPECT_EQ(w->writeTask()->taskQuantum(), c.writeQuantum) << int(c.ratio);
+        EXPECT_EQ(w->writeTask()->taskTestYieldRatio(), c.ratio);
+        EXPECT_EQ(w->writeTask()->taskSuspended(), c.suspended);
+        EXPECT_EQ(w->taskForceYieldInTest(), c.ratio == 1);
+    }
+    EXPECT_EQ(root->tasksPerPriority(P::normal), 0u);
+}
+
+TEST_F(FdTask, ReadableRunsWhileDataLastsWritableOncePerArming) {
+    auto w = watcher();
+    size_t received = 0;
+    w->onRead = [&](Watcher&) {
+        char buffer[64];
+        for (ssize_t n; (n = ::read(sv[0], buffer, sizeof buffer)) > 0;)
+            received += size_t(n);
+    };
+    send(300);
+    ASSERT_TRUE(loopUntil([&] { return received == 300; }));
+    send(50);  // the watch is still on
+    ASSERT_TRUE(loopUntil([&] { return received == 350; }));
+
+    w->onWrite = [](Watcher& self) {
+        if (self.writes < 3)
+            self.taskWatchWritableIs(true);
+    };
+    w->taskWatchWritableIs(true);
+    ASSERT_TRUE(loopUntil([&] { return w->writes == 3; }));
+    Platform::doEventLoop(0.05);  // the socket stays writable
+    EXPECT_EQ(w->writes, 3);
+    EXPECT_FALSE(w->taskWatchWritable());
+    EXPECT_EQ(w->taskRunCountWritable(), 3u);
+    EXPECT_EQ(w->taskRunCount(), w->taskRunCountReadable() + 3u);
+    EXPECT_THAT(thrownMessage([&] { w->writeFdEvent(sv[0]); }),
+                EndsWith("writeFdEvent() called with taskWatchWritable off"));
+}
+
+TEST_F(FdTask, MisuseFailsWithItsText) {
+    struct Case {
+        std::function<void(Watcher&)> misuse;
+        std::string text;
+    } cases[] = {
+        {[](Watcher& w) { w.taskWatchReadableIs(false), w.readFdEvent(w.taskWatchFd()); },
+         "readFdEvent() called with taskWatchReadable off"},
+        {[&](Watcher& w) { w.readFdEvent(sv[1]); },
+         fmt::format("Notified about {} watching {}", sv[1], sv[0])},
+        {[&](Watcher& w) { w.taskWatchWritableIs(true), w.writeFdEvent(sv[1]); },
+         fmt::format("Notified about {} watching {}", sv[1], sv[0])},
+        {[](Watcher& w) { w.taskWatchReadableIs(false), w.readTask()->taskRunFromTest(); },
+         "ReadTask should only run if taskWatchReadable"},
+        {[](Watcher& w) { w.taskWorkCountWritableInc(1); },
+         "WriteTask not created by taskWatchWritableIs( true )"},
+        {[](Watcher& w) { w.taskWorkPendingWritableIs(1); },
+         "WriteTask not created by taskWatchWritableIs( true )"},
+        {[](Watcher& w) {
+             w.taskWatchWritableIs(true);
+             w.onRead = [](Watcher& self) { self.writeTask()->taskRunFromTest(); };
+             w.readTask()->taskRunFromTest();
+         },
+         "Executing task already set"},
+        {[](Watcher& w) { (void)w.taskShouldYield(); }, "w has no inner task running"},
+    };
+    for (const Case& c : cases) {
+        auto w = watcher();
+        EXPECT_THAT(thrownMessage([&] { c.misuse(*w); }), EndsWith(c.text));
+    }
+}
+
+TEST_F(FdTask, WatchChangesUnscheduleQueuedRuns) {
+    struct Case {
+        const char* change;
+        std::function<void(Watcher&)> apply;
+        bool readQueued, writeQueued;
+    } cases[] = {
+        {"same fd", [&](Watcher& w) { w.taskWatchFdIs(sv[0]); }, true, true},
+        {"other fd", [&](Watcher& w) { w.taskWatchFdIs(sv[1]); }, false, false},
+        {"fd deleted", [](Watcher& w) { w.taskWatchFdDel(); }, false, false},
+        {"readable off", [](Watcher& w) { w.taskWatchReadableIs(false); }, false, true},
+        {"writable off", [](Watcher& w) { w.taskWatchWritableIs(false); }, true, false},
+    };
+    for (const Case& c : cases) {
+        auto w = watcher();
+        w->taskWatchWritableIs(true);
+        w->readFdEvent(sv[0]);
+        w->writeFdEvent(sv[0]);
+        ASSERT_TRUE(w->taskBusy());
+        c.apply(*w);
+        EXPECT_EQ(w->readTask()->taskScheduled(), c.readQueued) << c.change;
+        EXPECT_EQ(w->writeTask()->taskScheduled(), c.writeQueued) << c.change;
+        EXPECT_EQ(w->taskBusy(), c.readQueued || c.writeQueued) << c.change;
+        for (int i = 0; i < 3; ++i)
+            root->handleSchedulerRun();
+        EXPECT_EQ(w->reads, int(c.readQueued)) << c.change;
+        EXPECT_EQ(w->writes, int(c.writeQueued)) << c.change;
+        EXPECT_FALSE(w->taskBusy());
+    }
+}
+
+TEST_F(FdTask, PeerClosingMidStreamReadsZeroAndTheTaskStopsCleanly) {
+    auto w = watcher();
+    size_t received = 0;
+    int ends = 0;
+    w->onRead = [&](Watcher& self) {
+        char buffer[256];
+        ssize_t n;
+        while ((n = ::read(sv[0], buffer, sizeof buffer)) > 0)
+            received += size_t(n);
+        if (n == 0)
+            ++ends, self.taskWatchFdDel();
+    };
+    send(1000);
+    ::close(sv[1]);
+    sv[1] = -1;
+    ASSERT_TRUE(loopUntil([&] { return ends == 1; }));
+    const int reads = w->reads;
+    Platform::doEventLoop(0.05);
+    EXPECT_EQ(received, 1000u);
+    EXPECT_EQ(w->reads, reads);
+    EXPECT_EQ(ends, 1);
+    EXPECT_EQ(w->taskWatchFd(), -1);
+}
+
+TEST_F(FdTask, WorkFiguresGoToTheDirectionThatIsRunning) {
+    auto w = watcher();
+    EXPECT_EQ(w->taskWorkCountWritableHighWaterMark(), 0u);  // no write task
+    w->onRead = [](Watcher& self) {
+        self.taskWorkCountInc(self.reads == 1 ? 5 : 0);
+        self.taskWorkPendingIs(self.reads == 1 ? 0 : 7);
+    };
+    w->onWrite = [](Watcher& self) { self.taskWorkCountInc(0xFFFFFFFFul); };
+    w->readTask()->taskRunFromTest();
+    w->readTask()->taskRunFromTest();
+    w->taskWatchWritableIs(true);
+    EXPECT_EQ(w->taskWorkCountWritableHighWaterMark(), TaskMaybeU32::unset);
+    w->writeTask()->taskRunFromTest();
+    w->taskWorkCountReadableInc(3);
+
+    EXPECT_EQ(w->taskWorkCountReadableTotal(), 8u);
+    EXPECT_FLOAT_EQ(w->taskWorkCountReadableDecayAvg(), 4.35f);  // 5, then 0, then 3
+    EXPECT_EQ(w->taskWorkCountReadableHighWaterMark(), 5u);
+    EXPECT_EQ(w->taskWorkPendingReadable(), 7u);
+    EXPECT_EQ(w->taskWorkPendingReadableHighWaterMark(), 7u);
+    EXPECT_EQ(w->taskWorkCountWritableTotal(), 0xFFFFFFFFul);
+    EXPECT_EQ(w->taskWorkCountWritableHighWaterMark(), 0xFFFFFFFEu);
+    EXPECT_EQ(w->taskWorkPendingWritableHighWaterMark(), TaskMaybeU32::unset);
+    EXPECT_EQ(w->taskRunCount(), 3u);
+}
+
+TEST_F(FdTask, AnOwnerGoneMidRunOrBeforeAQueuedRunIsNeverReached) {
+    // Dropped inside its own run: the run finishes on a live object, and the
+    // inner task goes when the run loop lets it go.
+    auto w = watcher();
+    std::weak_ptr<_TaskBase> gone = w;
+    int readsSeen = 0;
+    w->onRead = [&](Watcher& self) {
+        w.reset();
+        readsSeen = self.reads;
+    };
+    w->readFdEvent(sv[0]);
+    root->handleSchedulerRun();
+    EXPECT_EQ(readsSeen, 1);
+    EXPECT_TRUE(gone.expired());
+    EXPECT_EQ(root->tasksPerPriority(P::normal), 0u);
+
+    // An inner task that outlives its owner runs without reaching it.
+    w = watcher();
+    int reads = 0;
+    w->onRead = [&](Watcher&) { ++reads; };
+    const std::shared_ptr<_TaskBase> inner = w->readTask()->shared_from_this();
+    w->readFdEvent(sv[0]);
+    w.reset();
+    ASSERT_TRUE(inner->taskScheduled());
+    root->handleSchedulerRun();
+    EXPECT_EQ(reads, 0);
+    EXPECT_FALSE(inner->taskScheduled());
+}
+
+}  // namespace
