@@ -36,10 +36,12 @@ class WriteFaults {
     }
     void disarm() { fd_.store(-1, std::memory_order_release); }
 
-    uint64_t eagains() const { return eagains_; }
-    uint64_t eintrs() const { return eintrs_; }
-    uint64_t shortWrites() const { return shortWrites_; }
-    uint64_t injected() const { return eagains_ + eintrs_ + shortWrites_; }
+    // Faults injected since the program started.
+    struct Counts {
+        uint64_t eagain = 0, eintr = 0, shortWrite = 0;
+        uint64_t total() const { return eagain + eintr + shortWrite; }
+    };
+    Counts counts() const { return counts_; }
 
     ssize_t write(int fd, const void* data, size_t size) {
         if (fd < 0 || fd != fd_.load(std::memory_order_acquire) || size == 0) {
@@ -51,17 +53,17 @@ class WriteFaults {
         }
         unsigned roll = next() % 100;
         if (roll < rates_.eagain) {
-            ++eagains_;
+            ++counts_.eagain;
             errno = EAGAIN;
             return -1;
         }
         if ((roll -= rates_.eagain) < rates_.eintr) {
-            ++eintrs_;
+            ++counts_.eintr;
             errno = EINTR;
             return -1;
         }
         if ((roll -= rates_.eintr) < rates_.shortWrite && size > 1) {
-            ++shortWrites_;
+            ++counts_.shortWrite;
             size = 1 + next() % std::min(size - 1, rates_.maxShort);
         }
         return ::syscall(SYS_write, fd, data, size);
@@ -80,7 +82,7 @@ class WriteFaults {
     std::atomic<int> fd_{-1};
     Rates rates_;
     uint64_t state_ = 1;
-    uint64_t eagains_ = 0, eintrs_ = 0, shortWrites_ = 0;
+    Counts counts_;
 };
 
 constinit inline WriteFaults writeFaults;
