@@ -345,6 +345,10 @@ class KELVO_EXPORT TaskImpl : public _TaskBase {
     // The task group this task is a member of, or null (groups are built on
     // the scheduler; a plain scheduler's tasks are members of none).
     TaskGroup* isTaskGroup() const noexcept { return nullptr; }
+    // The scheduler this task drives (a task group's parent task drives its
+    // group), or null. A task that drives one also sets the isTaskGroup
+    // status bit; snapshots report the scheduler under the task.
+    virtual const TaskScheduler* taskSubScheduler() const noexcept { return nullptr; }
     uint32_t taskMagicNumber() const noexcept { return magic_; }
     TaskTimePoint taskEnqueueTime() const noexcept { return enqueueTime_; }
     TaskTimePoint taskRunStart() const noexcept { return runStart_; }

@@ -35,7 +35,10 @@
 #include <set>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <ostream>
+#include <thread>
+#include <utility>
 
 #include <sys/types.h>
 
@@ -51,7 +54,9 @@
 namespace Kelvo {
 
 class TaskScheduler;
+class TaskSchedulerPrintContext;
 class TaskSchedulerRoot;
+class TaskSchedulerSnapshot;
 class TimerWheel;
 
 // Values 0 to 14 are about one task, 15 to 23 about a scheduler.
@@ -275,6 +280,27 @@ class KELVO_EXPORT TaskScheduler : public std::enable_shared_from_this<TaskSched
     // The root's steady clock.
     TaskTimePoint steadyNow() const;
 
+    // Reports (see TaskSchedulerSnapshot). snapshot() runs on the root's
+    // thread only; name empty means the scheduler's own name; historyCount
+    // limits the history entries copied (UINT_MAX: all).
+    std::shared_ptr<const TaskSchedulerSnapshot> snapshot(const String& name, bool includeNoRuns,
+                                                          bool includeCompleted,
+                                                          bool includeHistory,
+                                                          unsigned historyCount) const;
+    // A whole JSON document of this scheduler (and its task groups).
+    void statsRenderJson(std::ostream& out, bool includeNoRuns, bool includeCompleted,
+                         bool includeHistory) const;
+    String statsRenderJsonToString(bool includeNoRuns, bool includeCompleted,
+                                   bool includeHistory) const;
+    // The descriptor must be blocking; it is left open.
+    void statsRenderJsonToBlockingFdForTest(int fd, bool includeNoRuns, bool includeCompleted,
+                                            bool includeHistory) const;
+    // A print context over out, which must outlive it.
+    static std::shared_ptr<TaskSchedulerPrintContext> PrintContextIs(std::ostream& out);
+    // 1 is standard output, 2 standard error, any other a blocking descriptor
+    // that the context closes when it goes only if closeFd is set.
+    static std::shared_ptr<TaskSchedulerPrintContext> PrintContextIs(int fd, bool closeFd);
+
   protected:
     TaskScheduler(const String& name, TaskSchedulerRoot* root,
                   std::shared_ptr<TaskSchedulerHistory> history);
@@ -442,6 +468,133 @@ inline TaskTimePoint TaskScheduler::steadyNow() const {
 KELVO_EXPORT const std::shared_ptr<TaskSchedulerRoot>& schedulerRootKelvo();
 // A separate root on the calling thread.
 KELVO_EXPORT std::shared_ptr<TaskSchedulerRoot> schedulerRootKelvoNonShared(const String& name);
+
+// ---------------------------------------------------------------------------
+// Snapshots and the JSON report
+//
+// Reporting is split so that the expensive half can leave the scheduler's
+// thread: TaskScheduler::snapshot() copies every figure on that thread into
+// an immutable TaskSchedulerSnapshot, which any thread may then render into
+// a TaskSchedulerPrintContext. The document is
+//   {"schedulers":{<name>:<scheduler>,...}}
+// with one member per rendered snapshot; docs/report.schema.json describes
+// <scheduler>.
+
+// One scheduler's figures and those of the task groups it drives.
+//
+// Thread: built on the scheduler's thread; afterwards immutable, so any
+// thread may read and render it. Its task records share interned names with
+// the root's string cache, whose counts are plain integers: unless the
+// root's thread sanity is disabled, releasing a snapshot on another thread
+// than the one that built it aborts with "Allocated by thread <id> freed by
+// <id>". Ownership: handed out as std::shared_ptr<const>; it keeps the
+// root's string cache alive.
+class KELVO_EXPORT TaskSchedulerSnapshot {
+  public:
+    struct History {
+        struct Entry {
+            uint64_t nsSinceBoot;
+            TaskSchedulerEventType eventType;
+            // The task's or scheduler's name; may be empty.
+            String eventId;
+        };
+        // The ring's capacity, not the number of entries copied.
+        unsigned historyEntryCount;
+        // Newest first.
+        std::vector<Entry> entries;
+    };
+    using SubScheduler = std::pair<String, TaskSchedulerSnapshot>;
+
+    // Use TaskScheduler::snapshot(), which checks the thread. The history is
+    // taken only from a root; task groups are snapshot with the same flags.
+    TaskSchedulerSnapshot(const TaskScheduler* scheduler, std::string name, bool includeNoRuns,
+                          bool includeCompleted, bool includeHistory, unsigned historyCount,
+                          bool threadSanityDisabled);
+    TaskSchedulerSnapshot(TaskSchedulerSnapshot&&) = default;
+    TaskSchedulerSnapshot& operator=(TaskSchedulerSnapshot&&) = delete;
+    ~TaskSchedulerSnapshot();
+
+    // Adds this scheduler to the context's document under name().
+    void renderJson(TaskSchedulerPrintContext& context) const;
+
+    const String& name() const noexcept { return name_; }
+    const TaskSchedulerQueueStats& queueStats() const noexcept { return queueStats_; }
+    TaskTimeDuration maxSchedulerSlip() const noexcept { return maxSchedulerSlip_; }
+    bool isRootScheduler() const noexcept { return isRootScheduler_; }
+    // Written only when set; for the snapshot's maker to set before sharing it.
+    TaskMaybeU32 displayOrder() const noexcept { return displayOrder_; }
+    void displayOrderIs(TaskMaybeU32 order) noexcept { displayOrder_ = order; }
+    // Tasks left out because they never ran.
+    unsigned skipped() const noexcept { return skipped_; }
+    unsigned completedSkipped() const noexcept { return completedSkipped_; }
+    const std::vector<TaskStat>& tasks() const noexcept { return tasks_; }
+    const std::vector<TaskStat>& completedTasks() const noexcept { return completedTasks_; }
+    // Keyed by subSchedulerKey() of the driving task, in registration order.
+    const std::vector<SubScheduler>& subSchedulers() const noexcept { return subSchedulers_; }
+    const std::optional<History>& history() const noexcept { return history_; }
+
+  private:
+    friend class TaskSchedulerPrintContext;
+
+    void renderJsonImpl(TaskSchedulerPrintContext& context) const;
+
+    // Declared first so that the names below go before their cache.
+    std::shared_ptr<const TaskSchedulerHistory> nameCache_;
+    String name_;
+    TaskSchedulerQueueStats queueStats_;
+    TaskTimeDuration maxSchedulerSlip_{0};
+    bool isRootScheduler_ = false;
+    bool threadSanityDisabled_ = false;
+    TaskMaybeU32 displayOrder_;
+    unsigned skipped_ = 0;
+    unsigned completedSkipped_ = 0;
+    std::vector<TaskStat> tasks_;
+    std::vector<TaskStat> completedTasks_;
+    std::vector<SubScheduler> subSchedulers_;
+    std::optional<History> history_;
+    std::thread::id builtBy_;
+};
+
+// One JSON document under construction: creating it writes the opening
+// ({"schedulers":{), each TaskSchedulerSnapshot::renderJson adds a member,
+// closeJson() (or the destructor) writes the closing. Text reaches the
+// stream through a buffer of our own; every call leaves that buffer empty,
+// so after each call the stream holds the whole document so far.
+//
+// Thread: one at a time. Ownership: by its creator, usually through
+// TaskScheduler::PrintContextIs; it never owns a stream handed in by
+// reference, and owns the descriptor stream it makes.
+class KELVO_EXPORT TaskSchedulerPrintContext {
+  public:
+    explicit TaskSchedulerPrintContext(std::ostream& out);
+    // Writes through a stream of its own, which it keeps.
+    explicit TaskSchedulerPrintContext(std::unique_ptr<std::ostream> out);
+    TaskSchedulerPrintContext(const TaskSchedulerPrintContext&) = delete;
+    TaskSchedulerPrintContext& operator=(const TaskSchedulerPrintContext&) = delete;
+    ~TaskSchedulerPrintContext();
+
+    // Closes both objects and flushes the stream; a second call fails
+    // "JSON already closed".
+    void closeJson();
+    bool closed() const noexcept { return closed_; }
+    std::ostream& stream() const noexcept { return *out_; }
+
+  private:
+    friend class TaskSchedulerSnapshot;
+    struct Json;
+
+    std::unique_ptr<std::ostream> ownedOut_;
+    std::ostream* out_;
+    std::unique_ptr<Json> json_;
+    bool closed_ = false;
+};
+
+// "<task name>-@<key>", the key of a task group's scheduler under its
+// driving task; a record without the isTaskGroup bit fails an assertion.
+KELVO_EXPORT String subSchedulerKey(const TaskStat& stat);
+// "TaskSchedulerRenderJson-fd:<fd>" followed by suffix when there is one:
+// the names of the tasks that write a report to fd.
+KELVO_EXPORT String makeJsonTaskName(int fd, const char* suffix);
 
 }  // namespace Kelvo
 

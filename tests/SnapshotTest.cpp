@@ -1,0 +1,377 @@
+#include <Kelvo/TaskSchedulerCpp.h>
+#include <Kelvo/ThreadCpp.h>
+
+#include <rapidjson/document.h>
+#include <rapidjson/error/en.h>
+#include <rapidjson/schema.h>
+#include <rapidjson/stringbuffer.h>
+
+#include "TestSupport.h"
+
+namespace {
+
+using namespace Kelvo;
+using namespace std::chrono_literals;
+using KelvoTest::thrownMessage;
+using ::testing::HasSubstr;
+using P = TaskPriority;
+
+const rapidjson::SchemaDocument& reportSchema() {
+    static const auto schema = [] {
+        const std::filesystem::path path =
+            std::filesystem::path(__FILE__).parent_path().parent_path() / "docs/report.schema.json";
+        rapidjson::Document document;
+        document.Parse(KelvoTest::readFile(path).c_str());
+        EXPECT_FALSE(document.HasParseError()) << path;
+        return std::make_unique<rapidjson::SchemaDocument>(document);
+    }();
+    return *schema;
+}
+
+// Empty when json is a report the published schema accepts, else why not.
+std::string schemaErrors(const std::string& json) {
+    rapidjson::Document document;
+    document.Parse(json.c_str());
+    if (document.HasParseError()) {
+        return std::string("parse: ") + rapidjson::GetParseError_En(document.GetParseError()) +
+               " at " + std::to_string(document.GetErrorOffset());
+    }
+    rapidjson::SchemaValidator validator(reportSchema());
+    if (document.Accept(validator)) {
+        return "";
+    }
+    rapidjson::StringBuffer where;
+    validator.GetInvalidDocumentPointer().StringifyUriFragment(where);
+    return std::string("schema: ") + validator.GetInvalidSchemaKeyword() + " at " +
+           where.GetString();
+}
+
+// Every document a case produces passes through here.
+std::string valid(std::string json) {
+    EXPECT_EQ(schemaErrors(json), "") << json;
+    return json;
+}
+
+std::string replaced(std::string text, const std::string& from, const std::string& to) {
+    for (size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size()))
+        text.replace(at, from.size(), to);
+    return text;
+}
+
+// "priorityStats" with {runnable, idle, completed, total runs} of the
+// priorities named, zeros for the others.
+using Counts = std::array<unsigned, 4>;
+std::string priorityStats(std::map<std::string, Counts> counts = {}) {
+    std::string out = R"("priorityStats":{)";
+    for (const char* p : {"absolute", "high", "normal", "low", "scavenge"}) {
+        const Counts c = counts[p];
+        out += fmt::format(R"("{}":{{"runnableTasks":{},"idleTasks":{},"completedTasks":{},)"
+                           R"("totalRunCount":{}}},)",
+                           p, c[0], c[1], c[2], c[3]);
+    }
+    out.back() = '}';
+    return out;
+}
+
+// The scheduler object of a scheduler without tasks.
+std::string emptyScheduler(const std::string& name) {
+    return R"({"schedulerName":")" + name + R"(","isRootScheduler":true,)" + priorityStats() +
+           R"(,"maxSchedulerSlip":0.0,"tasks":{"tasks":[],"skipped":0},"subSchedulers":{}})";
+}
+
+struct Work : Task {
+    std::function<void(Work&)> body;
+    Work(std::shared_ptr<TaskScheduler> s, P p, const std::string& name,
+         std::function<void(Work&)> run = {})
+        : Task(std::move(s), p, name), body(std::move(run)) {}
+    void taskExecute() override {
+        if (body)
+            body(*this);
+    }
+};
+
+// Stands in for a task group: a nested scheduler driven by a task of the root.
+struct Nested : TaskScheduler {
+    explicit Nested(const std::shared_ptr<TaskSchedulerRoot>& root)
+        : TaskScheduler("g", root.get(), root->history()) {}
+    void requestSchedulerRun() override {}
+    void handleTaskForceYieldInTest() override {}
+};
+struct Driver : Work {
+    std::shared_ptr<Nested> group;
+    Driver(std::shared_ptr<TaskSchedulerRoot> root, std::shared_ptr<Nested> g)
+        : Work(std::move(root), P::normal, "TaskGroup;g"), group(std::move(g)) {}
+    const TaskScheduler* taskSubScheduler() const noexcept override { return group.get(); }
+    TaskStat::TaskStatus taskStatus() const override {
+        TaskStat::TaskStatus status = Work::taskStatus();
+        status.taskIsTaskGroupIs(true);
+        return status;
+    }
+};
+
+class Snapshot : public ::testing::Test {
+  protected:
+    std::shared_ptr<TaskSchedulerRoot> root = schedulerRootKelvoNonShared("r");
+    TaskTimePoint now{1s};
+    void SetUp() override {
+        root->steadyClockIsForTest([this] { return now; });
+    }
+    std::shared_ptr<Work> work(P p, const std::string& name, std::function<void(Work&)> run = {}) {
+        return std::make_shared<Work>(root, p, name, std::move(run));
+    }
+};
+
+TEST_F(Snapshot, EmptySchedulerIsTheMinimalDocument) {
+    EXPECT_EQ(valid(root->statsRenderJsonToString(false, true, false)),
+              R"({"schedulers":{"r":)" + emptyScheduler("r") + "}}");
+}
+
+// The flags and run count of a task that ran once and waits for nothing.
+const std::string ranOnce =
+    R"("onRunQueue":false,"currentlyRunning":false,"suspended":false,"hasTimer":false,)"
+    R"("timerRunning":false,"runCount":1,)";
+
+// Heaviest task first, the never-run task only counted, a finished task in
+// "completedTasks", each optional member exactly where its condition holds;
+// an independent reader re-emits the same text.
+TEST_F(Snapshot, WholeDocumentWithEveryKindOfMember) {
+    auto a = work(P::normal, "a", [&](Work& w) { now += 1'999'900ns, w.taskWorkCountInc(5); });
+    auto b = work(P::high, "b", [&](Work& w) { now += 3ms, w.taskWorkPendingIs(7); });
+    auto idle = work(P::low, "idle");
+    auto done = work(P::low, "done", [&](Work&) { now += 500us; });
+    for (auto* task : {a.get(), b.get(), done.get()})
+        task->scheduleTask();
+    now += 1ms;  // the scheduler's slip
+    for (int i = 0; i < 4; ++i)
+        root->handleSchedulerRun();  // b, a, done, then idle
+    done.reset();
+    root->clearHistory();
+    root->historyEntryCountIs(3);
+    root->history()->insert(now, TaskSchedulerEventType::create, idle.get());
+    root->history()->insert(now, TaskSchedulerEventType::schedulerIdle, ConstStringRef());
+
+    const std::string expected =
+        R"({"schedulers":{"r":{"schedulerName":"r","isRootScheduler":true,)" +
+        priorityStats({{"high", {0, 1, 0, 1}}, {"normal", {0, 1, 0, 1}}, {"low", {0, 1, 1, 1}}}) +
+        R"(,"maxSchedulerSlip":0.001,"tasks":{"tasks":[)"
+        R"({"name":"b","address":")" +
+        TaskKey(b.get()).toStrep() + R"(","priority":"high",)" + ranOnce +
+        R"("totalRunTime":0.003,"lastSchedulingLatency":0.001,)"
+        R"("schedulingLatencyHighWaterMark":0.001,"qv200":0,"qv500":0,"maxMs":3,)"
+        R"("workPending":{"pending":7,"highwater":7}},)"
+        R"({"name":"a","address":")" +
+        TaskKey(a.get()).toStrep() + R"(","priority":"normal",)" + ranOnce +
+        R"("totalRunTime":0.0019999,"lastSchedulingLatency":0.004,)"
+        R"("schedulingLatencyHighWaterMark":0.004,"qv200":0,"qv500":0,"maxMs":1,)"
+        R"("workCount":{"total":5,"decayingAvg":5.0,"highwater":5}}],"skipped":1},)"
+        R"("completedTasks":{"tasks":[{"name":"L done","priority":"low",)" +
+        ranOnce +
+        R"("totalRunTime":0.0005,"lastSchedulingLatency":0.0059999,)"
+        R"("schedulingLatencyHighWaterMark":0.0059999,"qv200":0,"qv500":0,"maxMs":0,)"
+        R"("completedCount":1}],"skipped":0},"subSchedulers":{},)"
+        R"("history":{"historyEntryCount":3,"history":[)"
+        R"({"nsSinceBoot":1006499900,"eventType":"schedulerIdle"},)"
+        R"({"nsSinceBoot":1006499900,"eventType":"create","eventId":"idle"}]}}}})";
+    EXPECT_EQ(valid(root->statsRenderJsonToString(false, true, true)), expected);
+
+    char path[] = "/tmp/kelvo-report-XXXXXX";
+    const int fd = ::mkstemp(path);
+    ASSERT_GE(fd, 0);
+    root->statsRenderJsonToBlockingFdForTest(fd, false, true, true);
+    ::close(fd);
+    std::string reread;
+    FILE* python = ::popen(("python3 -m json.tool --compact " + std::string(path)).c_str(), "r");
+    ASSERT_NE(python, nullptr);
+    for (int c; (c = std::fgetc(python)) != EOF;)
+        reread += static_cast<char>(c);
+    EXPECT_EQ(::pclose(python), 0);
+    ::unlink(path);
+    EXPECT_EQ(reread, expected + "\n");
+}
+
+// A run time or work count at the edge of its encoding.
+TEST_F(Snapshot, NumbersAtTheirEdges) {
+    struct Case {
+        TaskTimeDuration runTime;
+        unsigned workCount;
+        unsigned maxMs;
+        int highwater;
+    } cases[] = {
+        {0ns, 0, 0, 0},
+        {999'999ns, 1, 0, 1},
+        {1'000'000ns, 0x7FFFFFFF, 1, 0x7FFFFFFF},
+        {1'999'900ns, 0x80000000, 1, INT32_MIN},  // truncated, never rounded up
+        {5s, 0xFFFFFFFF, 5000, -2},               // 0xFFFFFFFF is kept as 0xFFFFFFFE
+    };
+    std::vector<std::shared_ptr<Work>> tasks;
+    for (const Case& c : cases) {
+        tasks.push_back(work(P::normal, "t", [&](Work& w) {
+            now += c.runTime;
+            w.taskWorkCountInc(c.workCount);
+        }));
+        tasks.back()->taskQuantumNoCheckIs(10s);
+        tasks.back()->taskRunFromTest();
+    }
+    rapidjson::Document document;
+    document.Parse(valid(root->statsRenderJsonToString(true, false, false)).c_str());
+    const auto& list = document["schedulers"]["r"]["tasks"]["tasks"];
+    ASSERT_EQ(list.Size(), std::size(cases));
+    for (const auto& task : list.GetArray()) {
+        const std::string key = task["address"].GetString();
+        const size_t i = std::find_if(tasks.begin(), tasks.end(),
+                                      [&](auto& t) { return TaskKey(t.get()).toStrep() == key; }) -
+                         tasks.begin();
+        ASSERT_LT(i, tasks.size());
+        EXPECT_EQ(task["maxMs"].GetUint(), cases[i].maxMs) << i;
+        EXPECT_EQ(task["workCount"]["highwater"].GetInt(), cases[i].highwater) << i;
+        EXPECT_EQ(task["workCount"]["total"].GetUint64(), cases[i].workCount) << i;
+    }
+}
+
+TEST_F(Snapshot, NamesOfAnyLengthAndContentRoundTrip) {
+    // Longer than the render buffer even before escaping.
+    const std::string name = std::string(20000, 'x') + "\"\\\x01\u00b5";
+    auto task = work(P::normal, name);
+    rapidjson::Document document;
+    document.Parse(valid(root->statsRenderJsonToString(true, false, false)).c_str());
+    EXPECT_EQ(document["schedulers"]["r"]["tasks"]["tasks"][0]["name"].GetString(), name);
+}
+
+TEST_F(Snapshot, TaskGroupsNestUnderTheTaskThatDrivesThem) {
+    auto group = std::make_shared<Nested>(root);
+    auto driver = std::make_shared<Driver>(root, group);
+    auto member = std::make_shared<Work>(group, P::low, "m", [&](Work&) { now += 2ms; });
+    member->scheduleTask();
+    group->handleSchedulerRun();
+    const std::string address = TaskKey(driver.get()).toStrep();
+    const std::string key = "TaskGroup;g-" + address;
+    EXPECT_EQ(valid(root->statsRenderJsonToString(true, true, false)),
+              R"({"schedulers":{"r":{"schedulerName":"r","isRootScheduler":true,)" +
+                  priorityStats({{"normal", {0, 1, 0, 0}}}) +
+                  R"(,"maxSchedulerSlip":0.0,"tasks":{"tasks":[{"name":"TaskGroup;g","address":")" +
+                  address + R"(","priority":"normal","subScheduler":")" + key +
+                  R"(","onRunQueue":false,"currentlyRunning":false,"suspended":false,)"
+                  R"("hasTimer":false,"timerRunning":false,"runCount":0,"totalRunTime":0.0,)"
+                  R"("lastSchedulingLatency":0.0,"schedulingLatencyHighWaterMark":0.0,)"
+                  R"("qv200":0,"qv500":0,"maxMs":0}],"skipped":0},"subSchedulers":{")" +
+                  key + R"(":{"schedulerName":"g","isRootScheduler":false,)" +
+                  priorityStats({{"low", {0, 1, 0, 1}}}) +
+                  R"(,"maxSchedulerSlip":0.0,"tasks":{"tasks":[{"name":"m","address":")" +
+                  TaskKey(member.get()).toStrep() + R"(","priority":"low",)" + ranOnce +
+                  R"("totalRunTime":0.002,"lastSchedulingLatency":0.0,)"
+                  R"("schedulingLatencyHighWaterMark":0.0,"qv200":0,"qv500":0,"maxMs":2}],)"
+                  R"("skipped":0},"subSchedulers":{}}}}}})");
+
+    // Only a root has a history; the count limits the entries copied.
+    const auto snap = root->snapshot("", true, true, true, 1);
+    ASSERT_TRUE(snap->history());
+    EXPECT_EQ(snap->history()->entries.size(), 1u);
+    ASSERT_EQ(snap->subSchedulers().size(), 1u);
+    EXPECT_FALSE(snap->subSchedulers()[0].second.history());
+
+    EXPECT_THAT(thrownMessage([&] { subSchedulerKey(member->getStats()); }),
+                HasSubstr("subSchedulerKey"));
+}
+
+TEST(ReportNames, WriterTaskNames) {
+    EXPECT_EQ(makeJsonTaskName(5, nullptr), "TaskSchedulerRenderJson-fd:5");
+    EXPECT_EQ(makeJsonTaskName(17, ":FdWrite"), "TaskSchedulerRenderJson-fd:17:FdWrite");
+}
+
+TEST_F(Snapshot, PrintContextsCollectSnapshotsIntoOneDocument) {
+    const std::set<int> fdsBefore = KelvoTest::openFds();
+    TaskSchedulerSnapshot one(root.get(), "one", false, false, false, 0, false);
+    one.displayOrderIs(TaskMaybeU32(0x80000000));
+    int fds[2];
+    ASSERT_EQ(::pipe(fds), 0);
+    {
+        const auto context = TaskScheduler::PrintContextIs(fds[1], true);
+        one.renderJson(*context);
+        root->snapshot("", false, false, false, 0)->renderJson(*context);
+        context->closeJson();
+        EXPECT_THAT(thrownMessage([&] { context->closeJson(); }), HasSubstr("JSON already closed"));
+        EXPECT_THAT(thrownMessage([&] { one.renderJson(*context); }),
+                    HasSubstr("JSON already closed"));
+    }
+    EXPECT_EQ(::fcntl(fds[1], F_GETFD), -1);
+    const auto drain = [](int fd) {
+        std::string text;
+        char buffer[4096];
+        for (ssize_t n; (n = ::read(fd, buffer, sizeof buffer)) > 0;)
+            text.append(buffer, n);
+        return text;
+    };
+    EXPECT_EQ(valid(drain(fds[0])),
+              R"({"schedulers":{"one":)" +
+                  replaced(emptyScheduler("one"), R"("isRootScheduler")",
+                           R"("displayOrder":-2147483648,"isRootScheduler")") +
+                  R"(,"r":)" + emptyScheduler("r") + "}}");
+    ::close(fds[0]);
+
+    ASSERT_EQ(::pipe(fds), 0);
+    root->statsRenderJsonToBlockingFdForTest(fds[1], false, false, false);
+    ::close(fds[1]);  // left open by the render
+    EXPECT_EQ(drain(fds[0]), root->statsRenderJsonToString(false, false, false));
+    ::close(fds[0]);
+
+    KelvoTest::CaptureStderr();
+    TaskScheduler::PrintContextIs(STDERR_FILENO, false);
+    EXPECT_EQ(valid(KelvoTest::GetCapturedStderr()), R"({"schedulers":{}})");
+    EXPECT_EQ(KelvoTest::openFds(), fdsBefore);
+}
+
+TEST_F(Snapshot, RendersOnAnyThreadButIsReleasedOnlyOnItsOwn) {
+    auto task = work(P::normal, "t", [&](Work&) { now += 1ms; });
+    task->taskRunFromTest();
+    const auto snap = root->snapshot("", true, true, false, 0);
+    std::ostringstream there, here;
+    std::string wrongThread;
+    std::thread([&] {
+        snap->renderJson(*TaskScheduler::PrintContextIs(there));
+        wrongThread = thrownMessage([&] { root->snapshot("", true, true, false, 0); });
+    }).join();
+    snap->renderJson(*TaskScheduler::PrintContextIs(here));
+    EXPECT_EQ(valid(there.str()), here.str());
+    EXPECT_THAT(wrongThread, HasSubstr("Executing in wrong thread"));
+
+    for (bool sanityDisabled : {false, true}) {
+        const KelvoTest::ChildResult child = KelvoTest::runInChild(
+            [&] {
+                auto r = schedulerRootKelvoNonShared("c");
+                r->threadSanityDisabledIs(sanityDisabled);
+                auto s = r->snapshot("", true, false, false, 0);
+                const std::string builder = toThreadIdString(std::this_thread::get_id());
+                std::thread([&] {
+                    std::printf("TaskSchedulerCpp: Allocated by thread %s freed by %s\n",
+                                builder.c_str(),
+                                toThreadIdString(std::this_thread::get_id()).c_str());
+                    std::fflush(stdout);
+                    s.reset();
+                }).join();
+                return 0;
+            },
+            true);
+        if (sanityDisabled) {
+            EXPECT_TRUE(child.exitedOk()) << child.text();
+        } else {
+            EXPECT_TRUE(child.aborted()) << child.text();
+            EXPECT_EQ(child.err, child.out);
+        }
+    }
+}
+
+TEST(ReportSchema, RejectsWhatTheReportNeverWrites) {
+    const std::string good = R"({"schedulers":{"r":)" + emptyScheduler("r") + "}}";
+    ASSERT_EQ(schemaErrors(good), "");
+    const std::pair<std::string, std::string> breaks[] = {
+        {R"("isRootScheduler":true)", R"("isRootScheduler":1)"},
+        {R"(,"subSchedulers":{})", ""},
+        {R"("skipped":0)", R"("skipped":0,"extra":1)"},
+        {R"("tasks":[])", R"("tasks":[{"name":"t"}])"},
+        {R"("totalRunCount":0})", R"("totalRunCount":-1})"},
+    };
+    for (const auto& [from, to] : breaks)
+        EXPECT_NE(schemaErrors(replaced(good, from, to)), "") << to;
+}
+
+}  // namespace
