@@ -33,6 +33,7 @@
 #include <unordered_set>
 #include <vector>
 #include <set>
+#include <sstream>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -275,6 +276,22 @@ class KELVO_EXPORT TaskScheduler : public std::enable_shared_from_this<TaskSched
     void taskForceYieldInTestNotify(TaskImpl* task, bool on);
     size_t forceYieldTaskCount() const noexcept { return forceYieldTasks_.size(); }
 
+    // The asynchronous JSON report (SnapshotRenderJsonTask, at the end of this
+    // header): writes the snapshots as one document to fd, which it makes
+    // non-blocking and closes when done, then calls done. The shorter forms
+    // call nothing. The scheduler keeps each writer alive until it finishes.
+    class SnapshotRenderJsonTask;
+    class SnapshotWriteJsonTask;
+    using SnapshotList = std::vector<std::shared_ptr<const TaskSchedulerSnapshot>>;
+    void snapshotRenderJsonAsync(int fd, SnapshotList snapshots, std::function<void()> done);
+    void snapshotRenderJsonAsync(int fd, SnapshotList snapshots);
+    void snapshotRenderJsonAsync(int fd, std::shared_ptr<const TaskSchedulerSnapshot> snapshot);
+    // The writers under way.
+    const std::unordered_set<std::shared_ptr<SnapshotRenderJsonTask>>& snapshotRenderTasks()
+        const noexcept {
+        return snapshotRenderTasks_;
+    }
+
     // Fails unless called on the root's thread (see TaskSchedulerRoot).
     void sanityCheckCurrentRunningThread() const;
     // The root's steady clock.
@@ -350,6 +367,9 @@ class KELVO_EXPORT TaskScheduler : public std::enable_shared_from_this<TaskSched
     std::shared_ptr<ResetStatsTask> resetTask_;
     TaskRegistry::Bookmark resetBookmark_;
     std::unordered_set<TaskImpl*> forceYieldTasks_;
+    // Each writer holds a share of this scheduler, so the set is empty when
+    // the scheduler goes.
+    std::unordered_set<std::shared_ptr<SnapshotRenderJsonTask>> snapshotRenderTasks_;
 };
 
 // The scheduler that owns a thread: a CallbackHandler of that thread's event
@@ -736,6 +756,84 @@ KELVO_EXPORT void statsRenderTextImpl(std::ostream& out, const TaskSchedulerQueu
 KELVO_EXPORT void statsRenderTextTasks(std::ostream& out, std::vector<TaskStat>& tasks,
                                        std::string title, unsigned skipped, bool completed,
                                        bool showAddress);
+
+// ---------------------------------------------------------------------------
+// The asynchronous report writer
+
+// The asynchronous JSON report writer, started by snapshotRenderJsonAsync().
+// The render task renders one snapshot per run into its string stream and
+// hands the text to its write task, which writes it with non-blocking writes
+// (resuming at the exact offset after EAGAIN or EINTR, yielding when its
+// quantum is used) and then schedules the render task again. So at most two
+// rendered pieces are held: the one being written and the next one.
+// A reader that goes away (EPIPE, EBADF) cuts the report short; the rest is
+// rendered and dropped, and the writer ends as usual: it closes the
+// descriptor, calls done, then removes itself from its scheduler's set, which
+// owns it until then.
+// Thread: the scheduler's only.
+class KELVO_EXPORT TaskScheduler::SnapshotRenderJsonTask : public Task {
+  public:
+    // Use snapshotRenderJsonAsync(); public only for shared allocation.
+    SnapshotRenderJsonTask(std::shared_ptr<TaskScheduler> scheduler, int fd,
+                           SnapshotList snapshots);
+    ~SnapshotRenderJsonTask() override;
+
+    // One step: render the next snapshot, or close the document, or end.
+    void taskExecute() override;
+    // Moves the rendered text to the write task and starts its write.
+    void writeOstrToFileDescriptor();
+    // The write task has written its whole buffer.
+    void writeComplete();
+
+    int fd() const noexcept { return fd_; }
+    bool finished() const noexcept { return finished_; }
+    bool writeInProgress() const noexcept { return writeInProgress_; }
+    const std::shared_ptr<SnapshotWriteJsonTask>& writeTask() const noexcept { return writeTask_; }
+
+  private:
+    friend class TaskScheduler;
+
+    int fd_;
+    // The closing text has been handed over.
+    bool finished_ = false;
+    // The write task holds a piece not yet fully written.
+    bool writeInProgress_ = false;
+    size_t nextIndex_ = 0;
+    SnapshotList snapshots_;
+    std::ostringstream ostr_;
+    // Over ostr_, so the document's opening is part of the first piece.
+    std::shared_ptr<TaskSchedulerPrintContext> printContext_;
+    std::shared_ptr<SnapshotWriteJsonTask> writeTask_;
+    std::function<void()> done_;
+    std::function<void(SnapshotRenderJsonTask*)> cleanup_;
+};
+
+// Writes the pieces of its render task to the descriptor; never watches
+// readability. Thread: the scheduler's only. Owned by its render task.
+class KELVO_EXPORT TaskScheduler::SnapshotWriteJsonTask : public FileDescriptorTask {
+  public:
+    SnapshotWriteJsonTask(std::shared_ptr<TaskScheduler> scheduler, int fd,
+                          SnapshotRenderJsonTask* renderTask);
+
+    void taskExecuteReadable() override;
+    // Writes until the buffer is written, the descriptor is full (writable
+    // watching resumes it), a signal interrupts (rescheduled) or the quantum
+    // is used (rescheduled); the last case calls the completion callback.
+    void taskExecuteWritable() override;
+    // Fails unless the whole buffer has been written.
+    void assertWriteComplete() const;
+
+    const String& buffer() const noexcept { return buffer_; }
+    uint32_t offset() const noexcept { return offset_; }
+
+  private:
+    friend class SnapshotRenderJsonTask;
+
+    SnapshotRenderJsonTask* renderTask_;
+    String buffer_;
+    uint32_t offset_ = 0;
+    std::function<void()> writeComplete_;
+};
 
 }  // namespace Kelvo
 

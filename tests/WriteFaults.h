@@ -1,0 +1,94 @@
+// Fault injection for write(2): the program that includes this header (in
+// exactly one source file) replaces write() for itself and the library
+// objects linked into it. Writes to the one armed descriptor fail with EAGAIN
+// or EINTR, or write only a prefix, at the armed rates; every other write
+// goes straight to the kernel.
+//
+// Thread: arm and disarm on the writing thread, while nothing else writes to
+// the armed descriptor; writes to other descriptors may come from any thread.
+#pragma once
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <algorithm>
+#include <cstdint>
+
+namespace KelvoTest {
+
+class WriteFaults {
+  public:
+    // Percentages of the writes to fd that fail with EAGAIN, with EINTR, or
+    // write a prefix of at most maxShort bytes; failWith, when not 0, fails
+    // every write with that errno instead.
+    struct Rates {
+        unsigned eagain = 0, eintr = 0, shortWrite = 0;
+        size_t maxShort = 512;
+        int failWith = 0;
+    };
+
+    void arm(int fd, Rates rates, uint32_t seed = 1) {
+        rates_ = rates;
+        state_ = seed | 1;
+        fd_.store(fd, std::memory_order_release);
+    }
+    void disarm() { fd_.store(-1, std::memory_order_release); }
+
+    // Faults injected since the program started.
+    struct Counts {
+        uint64_t eagain = 0, eintr = 0, shortWrite = 0;
+        uint64_t total() const { return eagain + eintr + shortWrite; }
+    };
+    Counts counts() const { return counts_; }
+
+    ssize_t write(int fd, const void* data, size_t size) {
+        if (fd < 0 || fd != fd_.load(std::memory_order_acquire) || size == 0) {
+            return ::syscall(SYS_write, fd, data, size);
+        }
+        if (rates_.failWith) {
+            errno = rates_.failWith;
+            return -1;
+        }
+        unsigned roll = next() % 100;
+        if (roll < rates_.eagain) {
+            ++counts_.eagain;
+            errno = EAGAIN;
+            return -1;
+        }
+        if ((roll -= rates_.eagain) < rates_.eintr) {
+            ++counts_.eintr;
+            errno = EINTR;
+            return -1;
+        }
+        if ((roll -= rates_.eintr) < rates_.shortWrite && size > 1) {
+            ++counts_.shortWrite;
+            size = 1 + next() % std::min(size - 1, rates_.maxShort);
+        }
+        return ::syscall(SYS_write, fd, data, size);
+    }
+
+  private:
+    // xorshift64: the object must be constant-initialised, since write() may
+    // be called before any dynamic initialisation of this program has run.
+    uint32_t next() {
+        state_ ^= state_ << 13;
+        state_ ^= state_ >> 7;
+        state_ ^= state_ << 17;
+        return static_cast<uint32_t>(state_ >> 32);
+    }
+
+    std::atomic<int> fd_{-1};
+    Rates rates_;
+    uint64_t state_ = 1;
+    Counts counts_;
+};
+
+constinit inline WriteFaults writeFaults;
+
+}  // namespace KelvoTest
+
+extern "C" ssize_t write(int fd, const void* data, size_t size) {
+    return KelvoTest::writeFaults.write(fd, data, size);
+}
