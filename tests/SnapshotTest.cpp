@@ -87,25 +87,6 @@ struct Work : Task {
     }
 };
 
-// Stands in for a task group: a nested scheduler driven by a task of the root.
-struct Nested : TaskScheduler {
-    explicit Nested(const std::shared_ptr<TaskSchedulerRoot>& root)
-        : TaskScheduler("g", root.get(), root->history()) {}
-    void requestSchedulerRun() override {}
-    void handleTaskForceYieldInTest() override {}
-};
-struct Driver : Work {
-    std::shared_ptr<Nested> group;
-    Driver(std::shared_ptr<TaskSchedulerRoot> root, std::shared_ptr<Nested> g)
-        : Work(std::move(root), P::normal, "TaskGroup;g"), group(std::move(g)) {}
-    const TaskScheduler* taskSubScheduler() const noexcept override { return group.get(); }
-    TaskStat::TaskStatus taskStatus() const override {
-        TaskStat::TaskStatus status = Work::taskStatus();
-        status.taskIsTaskGroupIs(true);
-        return status;
-    }
-};
-
 class Snapshot : public ::testing::Test {
   protected:
     std::shared_ptr<TaskSchedulerRoot> root = schedulerRootKelvoNonShared("r");
@@ -230,12 +211,14 @@ TEST_F(Snapshot, NamesOfAnyLengthAndContentRoundTrip) {
 }
 
 TEST_F(Snapshot, TaskGroupsNestUnderTheTaskThatDrivesThem) {
-    auto group = std::make_shared<Nested>(root);
-    auto driver = std::make_shared<Driver>(root, group);
+    auto group = TaskGroup::TaskGroupIs("g", P::normal, false, root);
     auto member = std::make_shared<Work>(group, P::low, "m", [&](Work&) { now += 2ms; });
     member->scheduleTask();
+    // The member's run without a turn of the parent; unscheduling the parent
+    // records its 2 ms on the queue.
     group->handleSchedulerRun();
-    const std::string address = TaskKey(driver.get()).toStrep();
+    group->parentTask()->unscheduleTask();
+    const std::string address = TaskKey(group->parentTask().get()).toStrep();
     const std::string key = "TaskGroup;g-" + address;
     EXPECT_EQ(valid(root->statsRenderJsonToString(true, true, false)),
               R"({"schedulers":{"r":{"schedulerName":"r","isRootScheduler":true,)" +
@@ -244,7 +227,7 @@ TEST_F(Snapshot, TaskGroupsNestUnderTheTaskThatDrivesThem) {
                   address + R"(","priority":"normal","subScheduler":")" + key +
                   R"(","onRunQueue":false,"currentlyRunning":false,"suspended":false,)"
                   R"("hasTimer":false,"timerRunning":false,"runCount":0,"totalRunTime":0.0,)"
-                  R"("lastSchedulingLatency":0.0,"schedulingLatencyHighWaterMark":0.0,)"
+                  R"("lastSchedulingLatency":0.002,"schedulingLatencyHighWaterMark":0.002,)"
                   R"("qv200":0,"qv500":0,"maxMs":0}],"skipped":0},"subSchedulers":{")" +
                   key + R"(":{"schedulerName":"g","isRootScheduler":false,)" +
                   priorityStats({{"low", {0, 1, 0, 1}}}) +
