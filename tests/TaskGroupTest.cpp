@@ -89,7 +89,7 @@ TEST_F(Group, IdleGroupLeavesItsParentUnscheduled) {
 // root's steady clock driven by the test. Its readings bracket the parent's: a
 // turn starts after `before` and no later than its first member, and each
 // yield decision falls between one member's end and the next one's start.
-TEST(TaskGroupTurns, MembersRunOncePerTurnOrUntilTheParentsQuantumIsUsed) {
+TEST(GroupTurns, MembersRunOncePerTurnOrUntilTheParentsQuantumIsUsed) {
     constexpr int slots = 8, turnsWanted = 1500;
     constexpr double quantum = 0.1, slack = 1e-9;  // slack: rounding of the readings
     for (int mode = 0; mode < 4; ++mode) {
