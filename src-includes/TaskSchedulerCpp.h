@@ -38,6 +38,7 @@
 #include <ostream>
 
 #include <sys/types.h>
+#include <time.h>
 
 #include <boost/circular_buffer.hpp>
 #include <boost/iostreams/device/file_descriptor.hpp>
@@ -111,6 +112,15 @@ class KELVO_EXPORT TaskSchedulerHistory {
     // Records an event about whatever name names; the kind checks are the caller's.
     void insert(const TaskTimePoint& when, TaskSchedulerEventType type,
                 const ConstStringRef& name) {
+        if (events_.full() && events_.capacity() != 0) {
+            // The new event takes the oldest one's slot. A busy task's events
+            // follow one another, so that slot usually names the same string:
+            // its reference then passes to the new event uncounted.
+            Event& oldest = events_.back();
+            events_.push_front(Event{
+                type, when, oldest.name.elem() == name.elem() ? std::move(oldest.name) : name});
+            return;
+        }
         events_.push_front(Event{type, when, name});
     }
 
@@ -284,7 +294,10 @@ class KELVO_EXPORT TaskScheduler : public std::enable_shared_from_this<TaskSched
     // One run; the follow-up run request is made only when asked for (and
     // always when the task throws). start, when given, is a steady time read
     // just before (the end of the previous run of a batch) and saves a clock
-    // read; the run's end time is stored back into it.
+    // read; the run's end time is stored back into it. A run without the
+    // follow-up request that returns ran is the middle of a batch: the next
+    // runOne must follow at once, and may reuse the task's run reference. A
+    // batch ends with a run that requests its follow-up or does not return ran.
     RunOutcome runOne(bool requestFollowUp, TaskTimePoint* start = nullptr);
     // Requests the next run, stamping its request time.
     void requestRunAfter(const TaskTimePoint& end);
@@ -316,7 +329,7 @@ class KELVO_EXPORT TaskScheduler : public std::enable_shared_from_this<TaskSched
     std::array<uint32_t, TaskPriority::oneBeyondLast> completedTasksPerPriority_{};
     bool hasRunnableTasks_ = false;
     // Held for the length of one run only; currentTaskRef_ keeps a shared
-    // task alive through it.
+    // task alive through it (and, within a batch, between its runs).
     TaskImpl* currentTask_ = nullptr;
     std::shared_ptr<_TaskBase> currentTaskRef_;
     std::unordered_map<ConstStringRef, TaskStat> completedTaskStats_;
@@ -411,7 +424,12 @@ class KELVO_EXPORT TaskSchedulerRoot : public TaskScheduler, private Platform::C
         if (__builtin_expect(static_cast<bool>(steadyClockForTest_), 0)) {
             return steadyClockForTest_();
         }
-        return std::chrono::steady_clock::now();
+        // The steady clock read as std::chrono::steady_clock::now() reads it,
+        // without the call into the C++ runtime: every run reads it twice.
+        timespec ts;
+        ::clock_gettime(CLOCK_MONOTONIC, &ts);
+        return TaskTimePoint(std::chrono::seconds(ts.tv_sec) +
+                             std::chrono::nanoseconds(ts.tv_nsec));
     }
 
   private:
