@@ -193,26 +193,39 @@ bool TaskScheduler::attemptLowerPriorityBump(TaskPriority p, uint32_t n) const {
 }
 
 TaskImpl* TaskScheduler::pickOneTask(const TaskTimePoint& now, TaskPriority priority) {
+    // The weighted rule without recursion: a queue whose turn goes to the
+    // queues below it is noted, and the search goes on below. The queue
+    // that gives the task resets the counters of those that gave way to it;
+    // when nothing below can be picked, the lowest of them takes its turn.
+    TaskRunQueue* gaveWay[TaskPriority::oneBeyondLast];
+    unsigned gaveWayCount = 0;
+    TaskRunQueue* picked = nullptr;
     for (unsigned p = priority.value(); p <= TaskPriority::scavenge; ++p) {
         TaskRunQueue& queue = runQueues_[p];
         if (queue.active->empty()) {
             queue.consecutivePicks = 0;
-            continue;
+        } else if (lowerPriorityBumpDue(runQueues_, p, queue.consecutivePicks)) {
+            gaveWay[gaveWayCount++] = &queue;
+        } else {
+            picked = &queue;
+            break;
         }
-        if (lowerPriorityBumpDue(runQueues_, p, queue.consecutivePicks)) {
-            if (TaskImpl* lower = pickOneTask(now, TaskPriority(p + 1))) {
-                queue.consecutivePicks = 0;
-                return lower;
-            }
-        }
-        ++queue.consecutivePicks;
-        TaskImpl& task = queue.active->front();
-        task.doUpdateSchedulingLatency(now);
-        TaskRunQueueList::remove(task);
-        ++queue.dequeued;
-        return &task;
     }
-    return nullptr;
+    if (picked == nullptr) {
+        if (gaveWayCount == 0) {
+            return nullptr;
+        }
+        picked = gaveWay[--gaveWayCount];
+    }
+    for (unsigned i = 0; i < gaveWayCount; ++i) {
+        gaveWay[i]->consecutivePicks = 0;
+    }
+    ++picked->consecutivePicks;
+    TaskImpl& task = picked->active->front();
+    task.doUpdateSchedulingLatency(now);
+    TaskRunQueueList::remove(task);
+    ++picked->dequeued;
+    return &task;
 }
 
 void TaskScheduler::taskRunQueuesMovePersistentToTemporary() {
