@@ -227,9 +227,24 @@ class ListImpl {
 template <typename ElementType, typename LinkNodeType, LinkNodeType ElementType::*ptrToLinkNode,
           typename ElementPtrType = void>
 class List : public ListImpl<ElementType, LinkNodeType, ptrToLinkNode, ElementPtrType> {
+    using Base = ListImpl<ElementType, LinkNodeType, ptrToLinkNode, ElementPtrType>;
+
   public:
     List() = default;
     ~List() override = default;
+
+    // A plain list holds no bookmarks, so its first node is its first
+    // element: these skip the bookmark test of the general iterator.
+    bool empty() const noexcept { return this->nodes_.empty(); }
+    ElementType& front() {
+        KELVO_ASSERTM(!empty(), "front() of an empty list");
+        return Base::elementOf(this->nodes_.front());
+    }
+    ElementType& popFront() {
+        ElementType& first = front();
+        Base::remove(first);
+        return first;
+    }
 };
 
 }  // namespace Kelvo

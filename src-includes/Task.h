@@ -340,7 +340,12 @@ class KELVO_EXPORT TaskImpl : public _TaskBase {
     TaskStat getStats() const;
     void resetStats();
     // Stores now minus the enqueue time as the last scheduling latency.
-    void doUpdateSchedulingLatency(const TaskTimePoint& now);
+    void doUpdateSchedulingLatency(const TaskTimePoint& now) noexcept {
+        lastSchedulingLatency_ = now - enqueueTime_;
+        if (lastSchedulingLatency_ > schedulingLatencyHighWaterMark_) {
+            schedulingLatencyHighWaterMark_ = lastSchedulingLatency_;
+        }
+    }
 
     // Unschedules, unregisters and marks the task destroyed, for owners that
     // must tear it down before its destructor runs.
@@ -361,8 +366,13 @@ class KELVO_EXPORT TaskImpl : public _TaskBase {
 
     static constexpr uint8_t suspendedFlag = 1u << 0;
     static constexpr uint8_t includeInCompletedFlag = 1u << 1;
+    // Set once a run has found the task owned by std::shared_ptr.
+    static constexpr uint8_t sharedOwnedFlag = 1u << 2;
 
     void construct();
+    // A strong reference for the length of one run; null for a task that no
+    // std::shared_ptr owns.
+    std::shared_ptr<_TaskBase> runReference();
     void effectiveTestYieldRatioIs(uint8_t ratio);
 
     uint8_t flags_ = 0;

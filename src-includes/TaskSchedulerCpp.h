@@ -28,6 +28,7 @@
 #include <array>
 #include <chrono>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <unordered_map>
 #include <unordered_set>
@@ -42,8 +43,8 @@
 #include <utility>
 
 #include <sys/types.h>
+#include <time.h>
 
-#include <boost/circular_buffer.hpp>
 #include <boost/iostreams/device/file_descriptor.hpp>
 #include <boost/iostreams/stream_buffer.hpp>
 
@@ -94,7 +95,7 @@ KELVO_EXPORT const char* taskSchedulerEventTypeDisplay(TaskSchedulerEventType ty
 class KELVO_EXPORT TaskSchedulerHistory {
   public:
     struct KELVO_EXPORT Event {
-        TaskSchedulerEventType eventType;
+        TaskSchedulerEventType eventType{};
         TaskTimePoint time;
         // The task's history name or the scheduler's name.
         ConstStringRef name;
@@ -103,7 +104,86 @@ class KELVO_EXPORT TaskSchedulerHistory {
         // The display text padded to 12 characters, a blank, the name.
         String display() const;
     };
-    using Ring = boost::circular_buffer<Event>;
+
+    // The events held, newest first: [0] and front() are the newest, back()
+    // the oldest. A fixed row of capacity() slots in which the newest event's
+    // slot steps back one place (wrapping) per event; slots not in use hold
+    // no name.
+    class KELVO_EXPORT Ring {
+      public:
+        class const_iterator {
+          public:
+            using iterator_category = std::random_access_iterator_tag;
+            using value_type = Event;
+            using difference_type = std::ptrdiff_t;
+            using pointer = const Event*;
+            using reference = const Event&;
+
+            const_iterator() = default;
+            const_iterator(const Ring* ring, size_t index) : ring_(ring), index_(index) {}
+
+            reference operator*() const { return (*ring_)[index_]; }
+            pointer operator->() const { return &(*ring_)[index_]; }
+            reference operator[](difference_type n) const { return (*ring_)[index_ + n]; }
+            const_iterator& operator++() { return *this += 1; }
+            const_iterator operator++(int) { return std::exchange(*this, *this + 1); }
+            const_iterator& operator--() { return *this -= 1; }
+            const_iterator operator--(int) { return std::exchange(*this, *this - 1); }
+            const_iterator& operator+=(difference_type n) {
+                index_ += n;
+                return *this;
+            }
+            const_iterator& operator-=(difference_type n) { return *this += -n; }
+            friend const_iterator operator+(const_iterator it, difference_type n) {
+                return it += n;
+            }
+            friend const_iterator operator+(difference_type n, const_iterator it) {
+                return it += n;
+            }
+            friend const_iterator operator-(const_iterator it, difference_type n) {
+                return it -= n;
+            }
+            friend difference_type operator-(const const_iterator& a, const const_iterator& b) {
+                return difference_type(a.index_) - difference_type(b.index_);
+            }
+            friend bool operator==(const const_iterator& a, const const_iterator& b) {
+                return a.index_ == b.index_;
+            }
+            friend auto operator<=>(const const_iterator& a, const const_iterator& b) {
+                return a.index_ <=> b.index_;
+            }
+
+          private:
+            const Ring* ring_ = nullptr;
+            size_t index_ = 0;
+        };
+        using iterator = const_iterator;
+        using value_type = Event;
+        using size_type = size_t;
+
+        explicit Ring(unsigned capacity) : slots_(capacity) {}
+
+        size_t size() const noexcept { return size_; }
+        size_t capacity() const noexcept { return slots_.size(); }
+        bool empty() const noexcept { return size_ == 0; }
+        bool full() const noexcept { return size_ == slots_.size(); }
+        // The i-th newest event, i < size().
+        const Event& operator[](size_t i) const noexcept {
+            const size_t slot = front_ + i;
+            return slots_[slot < slots_.size() ? slot : slot - slots_.size()];
+        }
+        const Event& front() const noexcept { return (*this)[0]; }
+        const Event& back() const noexcept { return (*this)[size_ - 1]; }
+        const_iterator begin() const noexcept { return {this, 0}; }
+        const_iterator end() const noexcept { return {this, size_}; }
+
+      private:
+        friend class TaskSchedulerHistory;
+
+        std::vector<Event> slots_;
+        size_t front_ = 0;  // the newest event's slot
+        size_t size_ = 0;
+    };
 
     // Capacity 0 records nothing.
     explicit TaskSchedulerHistory(unsigned capacity);
@@ -114,17 +194,34 @@ class KELVO_EXPORT TaskSchedulerHistory {
     void insert(const TaskTimePoint& when, TaskSchedulerEventType type, const _TaskBase* task);
     void insert(const TaskTimePoint& when, TaskSchedulerEventType type,
                 const TaskScheduler* scheduler);
-    // Records an event about whatever name names; the kind checks are the caller's.
+    // Records an event about whatever name names; the kind checks are the
+    // caller's. On a full ring the new event takes the oldest one's slot.
     void insert(const TaskTimePoint& when, TaskSchedulerEventType type,
                 const ConstStringRef& name) {
-        events_.push_front(Event{type, when, name});
+        const size_t capacity = events_.slots_.size();
+        if (capacity == 0) {
+            return;
+        }
+        size_t& front = events_.front_;
+        front = (front == 0 ? capacity : front) - 1;
+        Event& slot = events_.slots_[front];
+        slot.eventType = type;
+        slot.time = when;
+        // A busy task's events follow one another, so the slot often names
+        // the same string already: its reference then stays as it is.
+        if (slot.name.elem() != name.elem()) {
+            slot.name = name;
+        }
+        if (events_.size_ < capacity) {
+            ++events_.size_;
+        }
     }
 
     unsigned capacity() const noexcept { return static_cast<unsigned>(events_.capacity()); }
     size_t size() const noexcept { return events_.size(); }
     // A new ring of capacity n keeps the min(size, n) newest events.
     void capacityIs(unsigned n);
-    void clear() noexcept { events_.clear(); }
+    void clear() noexcept;
     // Newest first.
     const Ring& events() const noexcept { return events_; }
 
@@ -327,7 +424,10 @@ class KELVO_EXPORT TaskScheduler : public std::enable_shared_from_this<TaskSched
     // One run; the follow-up run request is made only when asked for (and
     // always when the task throws). start, when given, is a steady time read
     // just before (the end of the previous run of a batch) and saves a clock
-    // read; the run's end time is stored back into it.
+    // read; the run's end time is stored back into it. A run without the
+    // follow-up request that returns ran is the middle of a batch: the next
+    // runOne must follow at once, and may reuse the task's run reference. A
+    // batch ends with a run that requests its follow-up or does not return ran.
     RunOutcome runOne(bool requestFollowUp, TaskTimePoint* start = nullptr);
     // Requests the next run, stamping its request time.
     void requestRunAfter(const TaskTimePoint& end);
@@ -359,7 +459,7 @@ class KELVO_EXPORT TaskScheduler : public std::enable_shared_from_this<TaskSched
     std::array<uint32_t, TaskPriority::oneBeyondLast> completedTasksPerPriority_{};
     bool hasRunnableTasks_ = false;
     // Held for the length of one run only; currentTaskRef_ keeps a shared
-    // task alive through it.
+    // task alive through it (and, within a batch, between its runs).
     TaskImpl* currentTask_ = nullptr;
     std::shared_ptr<_TaskBase> currentTaskRef_;
     std::unordered_map<ConstStringRef, TaskStat> completedTaskStats_;
@@ -459,7 +559,12 @@ class KELVO_EXPORT TaskSchedulerRoot : public TaskScheduler, private Platform::C
         if (__builtin_expect(static_cast<bool>(steadyClockForTest_), 0)) {
             return steadyClockForTest_();
         }
-        return std::chrono::steady_clock::now();
+        // The steady clock read as std::chrono::steady_clock::now() reads it,
+        // without the call into the C++ runtime: every run reads it twice.
+        timespec ts;
+        ::clock_gettime(CLOCK_MONOTONIC, &ts);
+        return TaskTimePoint(std::chrono::seconds(ts.tv_sec) +
+                             std::chrono::nanoseconds(ts.tv_nsec));
     }
 
     // The text report of every scheduler of this root, merged: per-priority

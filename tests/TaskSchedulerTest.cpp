@@ -802,4 +802,82 @@ TEST(SchedulerThreads, WrongThreadFailsWithTheFullMessage) {
     owner.join();
 }
 
+// ---------------------------------------------------------------------------
+// Run references and the history ring's name handover
+
+// An event that overwrites the oldest one takes its name reference over when
+// both name the same string: the counts must stay one per event held.
+TEST(TaskSchedulerHistory, OverwriteKeepsOneNameReferencePerEvent) {
+    for (const std::string sequence : {"aaaaaaa", "ababab", "aabbaab", "abcab", "a"}) {
+        for (unsigned capacity : {0u, 1u, 3u}) {
+            TaskSchedulerHistory history(capacity);
+            for (size_t i = 0; i < sequence.size(); ++i)
+                history.insert(at(long(i)), Type::runEnd,
+                               history.stringCache().intern(sequence.substr(i, 1)));
+            std::map<std::string, uint64_t> held;
+            for (const auto& event : history.events())
+                ++held[event.name.str()];
+            EXPECT_EQ(history.size(), std::min<size_t>(capacity, sequence.size()));
+            EXPECT_EQ(history.stringCache().size(), held.size()) << sequence << "/" << capacity;
+            for (const auto& [name, count] : held)
+                EXPECT_EQ(history.stringCache().find(name).refCount(), count + 1)
+                    << sequence << "/" << capacity << " " << name;
+        }
+    }
+}
+
+// The scheduler holds a task for the length of its run, so a task may drop
+// its owner's last reference inside its run; in a batch, a task that others
+// still hold may keep that reference from one run to the next, but one whose
+// last outside reference went must go at the end of that run, as it would
+// with one run per callback.
+TEST_F(Scheduler, ARunHoldsItsTaskAndABatchLetsItGoWithItsLastOwner) {
+    struct Case {
+        unsigned batch;
+        int dropAtRun;  // 0: the owner keeps it
+        int runs;       // in one callback
+    } cases[] = {{1, 1, 1}, {1, 0, 1}, {16, 3, 3}, {16, 1, 1}, {16, 0, 16}};
+    for (const Case& c : cases) {
+        root->runsPerCallbackIs(c.batch);
+        int runs = 0;
+        std::shared_ptr<Probe> owner;
+        std::weak_ptr<Probe> weak;
+        owner = probe(root, P::normal, "held", [&](Probe& self) {
+            ++runs;
+            self.scheduleTask();
+            if (runs == c.dropAtRun) {
+                owner.reset();
+                EXPECT_FALSE(weak.expired());  // the run's own reference
+                EXPECT_EQ(root->currentTask(), &self);
+            }
+        });
+        weak = owner;
+        owner->scheduleTask();
+        root->callback();
+        EXPECT_EQ(runs, c.runs) << c.batch << "/" << c.dropAtRun;
+        EXPECT_EQ(root->currentTask(), nullptr);
+        // Nothing of the scheduler's is left on the task after the callback.
+        EXPECT_EQ(weak.use_count(), c.dropAtRun ? 0 : 1) << c.batch << "/" << c.dropAtRun;
+        EXPECT_EQ(root->runnableTaskCount(), c.dropAtRun ? 0u : 1u);
+        owner.reset();
+    }
+}
+
+// A task no std::shared_ptr owns any more but that lives on (its owner's
+// deleter did not delete it) still runs, held by nothing.
+TEST_F(Scheduler, ATaskItsOwnersLetGoRunsUnheld) {
+    auto* raw = new Probe(root, P::normal, "unowned");
+    {
+        std::shared_ptr<Probe> owner(raw, [](Probe*) {});
+        runOnce(*raw);
+    }
+    runOnce(*raw);
+    root->runsPerCallbackIs(4);
+    raw->body = reschedule;
+    raw->scheduleTask();
+    root->callback();
+    EXPECT_EQ(raw->runs, 6);
+    delete raw;
+}
+
 }  // namespace

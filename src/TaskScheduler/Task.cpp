@@ -114,7 +114,7 @@ void TaskImpl::taskStatsNameIs(const String& name) {
 
 void TaskImpl::scheduleTask() {
     TaskScheduler& s = *scheduler();
-    s.sanityCheckCurrentRunningThread();
+    s.root()->sanityCheckCurrentRunningThread();
     if (taskOnRunQueue()) {
         return;
     }
@@ -123,10 +123,16 @@ void TaskImpl::scheduleTask() {
         taskHistoryInsert(now, Type::scheduleSus);
         return;
     }
-    taskHistoryInsert(now, Type::schedule);
+    // Recorded straight into the ring (a task event needs no kind check),
+    // and the unchanged states tested here: this runs once per task run.
+    s.history_->insert(now, Type::schedule, taskHistoryName());
     s.runQueueAppend(*this, now);
-    s.schedulerHasRunnableTasksIs(true, now);
-    taskBusyIs(true, now);
+    if (!s.schedulerHasRunnableTasks()) {
+        s.schedulerHasRunnableTasksIs(true, now);
+    }
+    if (!taskBusy()) {
+        taskBusyIs(true, now);
+    }
 }
 
 void TaskImpl::unscheduleTask() {
@@ -147,7 +153,7 @@ void TaskImpl::taskRunFromTest() {
     KELVO_SCHED_ASSERTM(!taskOnRunQueue(), "Task: {} is on a run queue", *this);
     // Held like the run loop holds a task, so a task may drop its owner's
     // reference inside its run.
-    const std::shared_ptr<_TaskBase> self = weak_from_this().lock();
+    const std::shared_ptr<_TaskBase> self = runReference();
     s.taskDoRun(*this, s.steadyNow());
 }
 
@@ -251,6 +257,26 @@ void TaskImpl::taskShouldYieldModeReevaluate() {
     yieldMode_ = mode;
 }
 
+std::shared_ptr<_TaskBase> TaskImpl::runReference() {
+    if (flags_ & sharedOwnedFlag) {
+        try {
+            // One atomic step where a weak reference's lock() takes three.
+            return shared_from_this();
+        } catch (const std::bad_weak_ptr&) {
+            // Its owners let it go but it lives on (a deleter that does not
+            // delete): it is no longer held by anyone to hold it for.
+            flags_ &= ~sharedOwnedFlag;
+            return nullptr;
+        }
+    }
+    std::shared_ptr<_TaskBase> self = weak_from_this().lock();
+    if (self) {
+        // A shared object stays shared for as long as it lives.
+        flags_ |= sharedOwnedFlag;
+    }
+    return self;
+}
+
 void TaskImpl::includeInCompletedTaskIs(bool include) noexcept {
     flags_ = include ? uint8_t(flags_ | includeInCompletedFlag)
                      : uint8_t(flags_ & ~includeInCompletedFlag);
@@ -277,12 +303,6 @@ void TaskImpl::taskWorkPendingIs(unsigned n) {
     if (!workPendingHighWater_.isSet() || n > workPendingHighWater_.valueOrZero()) {
         workPendingHighWater_ = TaskMaybeU32(n);
     }
-}
-
-void TaskImpl::doUpdateSchedulingLatency(const TaskTimePoint& now) {
-    lastSchedulingLatency_ = now - enqueueTime_;
-    schedulingLatencyHighWaterMark_ =
-        std::max(schedulingLatencyHighWaterMark_, lastSchedulingLatency_);
 }
 
 TaskStat TaskImpl::getStats() const {

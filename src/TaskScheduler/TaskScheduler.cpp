@@ -16,6 +16,22 @@ using Type = TaskSchedulerEventType;
 // Anti-starvation weights of the queues that may be given a turn.
 constexpr uint64_t bumpWeight[TaskPriority::oneBeyondLast] = {0, 64, 8, 1, 0};
 
+// attemptLowerPriorityBump() for queue p (valid) picked n times in a row; here
+// for the pick, which runs it on every run.
+bool lowerPriorityBumpDue(const TaskRunQueues& queues, unsigned p, uint64_t n) {
+    if (p != TaskPriority::high && p != TaskPriority::normal) {
+        return false;
+    }
+    // Queue lengths read directly: the counts of valid priorities need none
+    // of runnableTaskCount()'s checks.
+    const auto queued = [&queues](unsigned q) { return queues[q].enqueued - queues[q].dequeued; };
+    uint64_t lowerWeight = 0;
+    for (unsigned q = p + 1; q <= TaskPriority::low; ++q) {
+        lowerWeight += queued(q) * bumpWeight[q];
+    }
+    return lowerWeight != 0 && n * lowerWeight > queued(p) * bumpWeight[p];
+}
+
 }  // namespace
 
 namespace Impl {
@@ -173,43 +189,43 @@ TaskSchedulerQueueStats TaskScheduler::queueStats() const {
 }
 
 bool TaskScheduler::attemptLowerPriorityBump(TaskPriority p, uint32_t n) const {
-    if (p != TaskPriority::high && p != TaskPriority::normal) {
-        return false;
-    }
-    // Queue lengths read directly: this runs on every pick, and the counts
-    // of valid priorities need none of runnableTaskCount()'s checks.
-    const auto queued = [this](unsigned q) {
-        return runQueues_[q].enqueued - runQueues_[q].dequeued;
-    };
-    uint64_t lowerWeight = 0;
-    for (unsigned q = p.value() + 1u; q <= TaskPriority::low; ++q) {
-        lowerWeight += queued(q) * bumpWeight[q];
-    }
-    return lowerWeight != 0 &&
-           uint64_t(n) * lowerWeight > queued(p.value()) * bumpWeight[p.value()];
+    return lowerPriorityBumpDue(runQueues_, p.value(), n);
 }
 
 TaskImpl* TaskScheduler::pickOneTask(const TaskTimePoint& now, TaskPriority priority) {
+    // The weighted rule without recursion: a queue whose turn goes to the
+    // queues below it is noted, and the search goes on below. The queue
+    // that gives the task resets the counters of those that gave way to it;
+    // when nothing below can be picked, the lowest of them takes its turn.
+    TaskRunQueue* gaveWay[TaskPriority::oneBeyondLast];
+    unsigned gaveWayCount = 0;
+    TaskRunQueue* picked = nullptr;
     for (unsigned p = priority.value(); p <= TaskPriority::scavenge; ++p) {
         TaskRunQueue& queue = runQueues_[p];
         if (queue.active->empty()) {
             queue.consecutivePicks = 0;
-            continue;
+        } else if (lowerPriorityBumpDue(runQueues_, p, queue.consecutivePicks)) {
+            gaveWay[gaveWayCount++] = &queue;
+        } else {
+            picked = &queue;
+            break;
         }
-        if (attemptLowerPriorityBump(TaskPriority(p), queue.consecutivePicks)) {
-            if (TaskImpl* lower = pickOneTask(now, TaskPriority(p + 1))) {
-                queue.consecutivePicks = 0;
-                return lower;
-            }
-        }
-        ++queue.consecutivePicks;
-        TaskImpl& task = queue.active->front();
-        task.doUpdateSchedulingLatency(now);
-        TaskRunQueueList::remove(task);
-        ++queue.dequeued;
-        return &task;
     }
-    return nullptr;
+    if (picked == nullptr) {
+        if (gaveWayCount == 0) {
+            return nullptr;
+        }
+        picked = gaveWay[--gaveWayCount];
+    }
+    for (unsigned i = 0; i < gaveWayCount; ++i) {
+        gaveWay[i]->consecutivePicks = 0;
+    }
+    ++picked->consecutivePicks;
+    TaskImpl& task = picked->active->front();
+    task.doUpdateSchedulingLatency(now);
+    TaskRunQueueList::remove(task);
+    ++picked->dequeued;
+    return &task;
 }
 
 void TaskScheduler::taskRunQueuesMovePersistentToTemporary() {
@@ -275,17 +291,21 @@ TaskScheduler::RunOutcome TaskScheduler::runOne(bool requestFollowUp, TaskTimePo
     const TaskTimePoint now = start ? *start : steadyNow();
     checkSchedulerLatency(now);
     if (root_->suspended()) {
+        currentTaskRef_.reset();
         KELVO_TRACEM(Impl::schedulerTrace(), 8, "{} Suspended", *this);
         history_->insert(now, Type::schedulerRunIgnoredWhileSuspended, this);
         return RunOutcome::suspended;
     }
     TaskImpl* task = pickOneTask(now, TaskPriority::absolute);
     if (task == nullptr) {
+        currentTaskRef_.reset();
         schedulerHasRunnableTasksIs(false, now);
         return RunOutcome::idle;
     }
     currentTask_ = task;
-    currentTaskRef_ = task->weak_from_this().lock();
+    if (currentTaskRef_.get() != task) {
+        currentTaskRef_ = task->runReference();
+    }
     TaskTimePoint end;
     try {
         end = taskDoRun(*task, now);
@@ -310,13 +330,21 @@ TaskScheduler::RunOutcome TaskScheduler::runOne(bool requestFollowUp, TaskTimePo
         *start = end;
     }
     currentTask_ = nullptr;
-    currentTaskRef_.reset();
+    // Between two runs of a batch no other code runs, so a task picked again
+    // may find its reference still held: one fewer pair of atomic count
+    // changes per run. Only a reference that others share is kept; the last
+    // one goes now, and the task with it, as after any run.
+    if (requestFollowUp || outcome != RunOutcome::ran || currentTaskRef_.use_count() == 1) {
+        currentTaskRef_.reset();
+    }
     return outcome;
 }
 
 TaskTimePoint TaskScheduler::taskDoRun(TaskImpl& task, const TaskTimePoint& now) {
-    task.taskHistoryInsert(now, Type::runStart);
-    KELVO_SCHED_ASSERTM(!task.taskScheduled(), "Task: {} still on run queue", task);
+    // The history is this scheduler's, and the event types are task events:
+    // recorded straight into the ring, past the kind checks.
+    history_->insert(now, Type::runStart, task.taskHistoryName());
+    KELVO_SCHED_ASSERTM(!task.taskRunQueueLink_.isLinked(), "Task: {} still on run queue", task);
     KELVO_TRACEM(Impl::schedulerTrace(), 8, "Running {}", task);
     task.runStart_ = now;
     if (root_->virtualTime()) {
@@ -360,8 +388,11 @@ TaskTimePoint TaskScheduler::taskDoRun(TaskImpl& task, const TaskTimePoint& now)
     }
     task.runTimeHighWaterMark_ = std::max(task.runTimeHighWaterMark_, used);
     task.totalRunTime_ += used;
-    task.taskHistoryInsert(end, Type::runEnd);
-    task.taskBusyIs(task.taskScheduled(), end);
+    history_->insert(end, Type::runEnd, task.taskHistoryName());
+    const bool busy = task.taskScheduled();
+    if (busy != task.taskBusy()) {
+        task.taskBusyIs(busy, end);
+    }
     return end;
 }
 

@@ -31,7 +31,7 @@ namespace Impl {
 
 // The module's trace handle, "KelvoTaskScheduler". Inline: every run checks
 // it a few times, and the check must cost a load, not a call.
-inline const std::shared_ptr<Platform::DebugHandler>& schedulerTrace() {
+[[gnu::always_inline]] inline const std::shared_ptr<Platform::DebugHandler>& schedulerTrace() {
     static const std::shared_ptr<Platform::DebugHandler> handle =
         Platform::getDebugHandler("KelvoTaskScheduler");
     return handle;
