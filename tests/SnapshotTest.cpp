@@ -32,14 +32,11 @@ const rapidjson::SchemaDocument& reportSchema() {
 std::string schemaErrors(const std::string& json) {
     rapidjson::Document document;
     document.Parse(json.c_str());
-    if (document.HasParseError()) {
-        return std::string("parse: ") + rapidjson::GetParseError_En(document.GetParseError()) +
-               " at " + std::to_string(document.GetErrorOffset());
-    }
+    if (document.HasParseError())
+        return rapidjson::GetParseError_En(document.GetParseError());
     rapidjson::SchemaValidator validator(reportSchema());
-    if (document.Accept(validator)) {
+    if (document.Accept(validator))
         return "";
-    }
     rapidjson::StringBuffer where;
     validator.GetInvalidDocumentPointer().StringifyUriFragment(where);
     return std::string("schema: ") + validator.GetInvalidSchemaKeyword() + " at " +
@@ -120,11 +117,6 @@ class Snapshot : public ::testing::Test {
         return std::make_shared<Work>(root, p, name, std::move(run));
     }
 };
-
-TEST_F(Snapshot, EmptySchedulerIsTheMinimalDocument) {
-    EXPECT_EQ(valid(root->statsRenderJsonToString(false, true, false)),
-              R"({"schedulers":{"r":)" + emptyScheduler("r") + "}}");
-}
 
 // The flags and run count of a task that ran once and waits for nothing.
 const std::string ranOnce =
@@ -279,6 +271,8 @@ TEST(ReportNames, WriterTaskNames) {
 }
 
 TEST_F(Snapshot, PrintContextsCollectSnapshotsIntoOneDocument) {
+    // The unwinder behind the assertions below keeps descriptors it opens on first use.
+    (void)Kelvo::Backtrace(true).count();
     const std::set<int> fdsBefore = KelvoTest::openFds();
     TaskSchedulerSnapshot one(root.get(), "one", false, false, false, 0, false);
     one.displayOrderIs(TaskMaybeU32(0x80000000));
@@ -287,7 +281,8 @@ TEST_F(Snapshot, PrintContextsCollectSnapshotsIntoOneDocument) {
     {
         const auto context = TaskScheduler::PrintContextIs(fds[1], true);
         one.renderJson(*context);
-        root->snapshot("", false, false, false, 0)->renderJson(*context);
+        // No tasks: no "completedTasks" even when asked for.
+        root->snapshot("", false, true, false, 0)->renderJson(*context);
         context->closeJson();
         EXPECT_THAT(thrownMessage([&] { context->closeJson(); }), HasSubstr("JSON already closed"));
         EXPECT_THAT(thrownMessage([&] { one.renderJson(*context); }),
