@@ -15,26 +15,18 @@ using P = TaskPriority;
 
 // Counts its runs per direction and does in each what its test asks.
 struct Watcher : FileDescriptorTask {
-    std::function<void(Watcher&)> onRead, onWrite;
+    std::function<void(Watcher&)> onRead = [](Watcher&) {}, onWrite = onRead;
     int reads = 0, writes = 0;
     Watcher(const std::shared_ptr<TaskScheduler>& scheduler, int fd)
         : FileDescriptorTask(scheduler, P::normal, "w") {
         taskWatchFdIs(fd);
     }
-    void taskExecuteReadable() override {
-        ++reads;
-        if (onRead)
-            onRead(*this);
-    }
-    void taskExecuteWritable() override {
-        ++writes;
-        if (onWrite)
-            onWrite(*this);
-    }
+    void taskExecuteReadable() override { ++reads, onRead(*this); }
+    void taskExecuteWritable() override { ++writes, onWrite(*this); }
 };
 
-// A socketpair per case (sv[0] watched, sv[1] the peer) on a root of its own;
-// the case must leave the descriptor table as it found it.
+// A root and a socketpair (sv[0] watched, sv[1] the peer); no descriptor may
+// leak.
 class FdTask : public KelvoTest::OsTest {
   protected:
     void SetUp() override {
@@ -42,12 +34,10 @@ class FdTask : public KelvoTest::OsTest {
         ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
     }
     void TearDown() override {
-        ::close(sv[0]);
-        ::close(sv[1]);
+        ::close(sv[0]), ::close(sv[1]);
         OsTest::TearDown();
     }
     std::shared_ptr<Watcher> watcher() { return std::make_shared<Watcher>(root, sv[0]); }
-    void send(size_t n) { ASSERT_EQ(::write(sv[1], std::string(n, 'x').data(), n), ssize_t(n)); }
 
     std::shared_ptr<TaskSchedulerRoot> root = schedulerRootKelvoNonShared("fd");
     int sv[2] = {-1, -1};
@@ -62,7 +52,6 @@ TEST_F(FdTask, WriteTaskCreatedOnFirstNeedCopiesTheReadTasksSettings) {
     for (const Case& c : cases) {
         auto w = watcher();
         ASSERT_EQ(w->writeTask(), nullptr);
-        EXPECT_EQ(root->tasksPerPriority(P::normal), 1u);
         w->taskQuantumIs(5ms);
         w->taskTestYieldRatioIs(c.ratio);
         w->taskSuspendedIs(c.suspended);
@@ -70,31 +59,18 @@ TEST_F(FdTask, WriteTaskCreatedOnFirstNeedCopiesTheReadTasksSettings) {
         w->taskWatchWritableIs(true);
         ASSERT_NE(w->writeTask(), nullptr);
         EXPECT_EQ(root->tasksPerPriority(P::normal), 2u);
-        EXPECT_EQ(w->readTask()->taskName(), "w:read");
         EXPECT_EQ(w->writeTask()->taskName(), "w:write");
         EXPECT_EQ(w->writeTask()->taskStatsName(), "renamed:write");
         EXPECT_EQ(w->readTask()->taskStatsName(), "renamed:read");
         EXPECT_EQ(w->writeTask()->taskQuantum(), c.writeQuantum) << int(c.ratio);
         EXPECT_EQ(w->writeTask()->taskTestYieldRatio(), c.ratio);
         EXPECT_EQ(w->writeTask()->taskSuspended(), c.suspended);
-        EXPECT_EQ(w->taskForceYieldInTest(), c.ratio == 1);
     }
     EXPECT_EQ(root->tasksPerPriority(P::normal), 0u);
 }
 
-TEST_F(FdTask, ReadableRunsWhileDataLastsWritableOncePerArming) {
+TEST_F(FdTask, WritableOncePerArmingReadableUntilThePeerCloses) {
     auto w = watcher();
-    size_t received = 0;
-    w->onRead = [&](Watcher&) {
-        char buffer[64];
-        for (ssize_t n; (n = ::read(sv[0], buffer, sizeof buffer)) > 0;)
-            received += size_t(n);
-    };
-    send(300);
-    ASSERT_TRUE(loopUntil([&] { return received == 300; }));
-    send(50);  // the watch is still on
-    ASSERT_TRUE(loopUntil([&] { return received == 350; }));
-
     w->onWrite = [](Watcher& self) {
         if (self.writes < 3)
             self.taskWatchWritableIs(true);
@@ -103,30 +79,46 @@ TEST_F(FdTask, ReadableRunsWhileDataLastsWritableOncePerArming) {
     ASSERT_TRUE(loopUntil([&] { return w->writes == 3; }));
     Platform::doEventLoop(0.05);  // the socket stays writable
     EXPECT_EQ(w->writes, 3);
-    EXPECT_FALSE(w->taskWatchWritable());
-    EXPECT_EQ(w->taskRunCountWritable(), 3u);
-    EXPECT_EQ(w->taskRunCount(), w->taskRunCountReadable() + 3u);
     EXPECT_THAT(thrownMessage([&] { w->writeFdEvent(sv[0]); }),
                 EndsWith("writeFdEvent() called with taskWatchWritable off"));
+
+    int ends = 0;
+    w->onRead = [&](Watcher& self) {
+        char buffer[256];
+        ssize_t n;
+        while ((n = ::read(sv[0], buffer, sizeof buffer)) > 0)
+            self.taskWorkCountInc(size_t(n));
+        if (n == 0)
+            ++ends, self.taskWatchFdDel();
+    };
+    ASSERT_EQ(::write(sv[1], std::string(1000, 'x').data(), 1000), 1000);
+    ::close(sv[1]);
+    sv[1] = -1;
+    ASSERT_TRUE(loopUntil([&] { return ends == 1; }));
+    const int reads = w->reads;
+    Platform::doEventLoop(0.05);
+    EXPECT_EQ(w->reads, reads);
+    EXPECT_EQ(w->taskWatchFd(), -1);
+    EXPECT_EQ(w->taskWorkCountReadableTotal(), 1000u);
+    EXPECT_EQ(w->taskWorkCountWritableTotal(), 0u);
+    EXPECT_EQ(w->taskRunCount(), unsigned(reads + 3));
 }
 
 TEST_F(FdTask, MisuseFailsWithItsText) {
+    const std::string otherFd = fmt::format("Notified about {} watching {}", sv[1], sv[0]);
+    const std::string noWriteTask = "WriteTask not created by taskWatchWritableIs( true )";
     struct Case {
         std::function<void(Watcher&)> misuse;
         std::string text;
     } cases[] = {
         {[](Watcher& w) { w.taskWatchReadableIs(false), w.readFdEvent(w.taskWatchFd()); },
          "readFdEvent() called with taskWatchReadable off"},
-        {[&](Watcher& w) { w.readFdEvent(sv[1]); },
-         fmt::format("Notified about {} watching {}", sv[1], sv[0])},
-        {[&](Watcher& w) { w.taskWatchWritableIs(true), w.writeFdEvent(sv[1]); },
-         fmt::format("Notified about {} watching {}", sv[1], sv[0])},
+        {[&](Watcher& w) { w.readFdEvent(sv[1]); }, otherFd},
+        {[&](Watcher& w) { w.taskWatchWritableIs(true), w.writeFdEvent(sv[1]); }, otherFd},
         {[](Watcher& w) { w.taskWatchReadableIs(false), w.readTask()->taskRunFromTest(); },
          "ReadTask should only run if taskWatchReadable"},
-        {[](Watcher& w) { w.taskWorkCountWritableInc(1); },
-         "WriteTask not created by taskWatchWritableIs( true )"},
-        {[](Watcher& w) { w.taskWorkPendingWritableIs(1); },
-         "WriteTask not created by taskWatchWritableIs( true )"},
+        {[](Watcher& w) { w.taskWorkCountWritableInc(1); }, noWriteTask},
+        {[](Watcher& w) { w.taskWorkPendingWritableIs(1); }, noWriteTask},
         {[](Watcher& w) {
              w.taskWatchWritableIs(true);
              w.onRead = [](Watcher& self) { self.writeTask()->taskRunFromTest(); };
@@ -158,10 +150,7 @@ TEST_F(FdTask, WatchChangesUnscheduleQueuedRuns) {
         w->taskWatchWritableIs(true);
         w->readFdEvent(sv[0]);
         w->writeFdEvent(sv[0]);
-        ASSERT_TRUE(w->taskBusy());
         c.apply(*w);
-        EXPECT_EQ(w->readTask()->taskScheduled(), c.readQueued) << c.change;
-        EXPECT_EQ(w->writeTask()->taskScheduled(), c.writeQueued) << c.change;
         EXPECT_EQ(w->taskBusy(), c.readQueued || c.writeQueued) << c.change;
         for (int i = 0; i < 3; ++i)
             root->handleSchedulerRun();
@@ -171,69 +160,14 @@ TEST_F(FdTask, WatchChangesUnscheduleQueuedRuns) {
     }
 }
 
-TEST_F(FdTask, PeerClosingMidStreamReadsZeroAndTheTaskStopsCleanly) {
-    auto w = watcher();
-    size_t received = 0;
-    int ends = 0;
-    w->onRead = [&](Watcher& self) {
-        char buffer[256];
-        ssize_t n;
-        while ((n = ::read(sv[0], buffer, sizeof buffer)) > 0)
-            received += size_t(n);
-        if (n == 0)
-            ++ends, self.taskWatchFdDel();
-    };
-    send(1000);
-    ::close(sv[1]);
-    sv[1] = -1;
-    ASSERT_TRUE(loopUntil([&] { return ends == 1; }));
-    const int reads = w->reads;
-    Platform::doEventLoop(0.05);
-    EXPECT_EQ(received, 1000u);
-    EXPECT_EQ(w->reads, reads);
-    EXPECT_EQ(ends, 1);
-    EXPECT_EQ(w->taskWatchFd(), -1);
-}
-
-TEST_F(FdTask, WorkFiguresGoToTheDirectionThatIsRunning) {
-    auto w = watcher();
-    EXPECT_EQ(w->taskWorkCountWritableHighWaterMark(), 0u);  // no write task
-    w->onRead = [](Watcher& self) {
-        self.taskWorkCountInc(self.reads == 1 ? 5 : 0);
-        self.taskWorkPendingIs(self.reads == 1 ? 0 : 7);
-    };
-    w->onWrite = [](Watcher& self) { self.taskWorkCountInc(0xFFFFFFFFul); };
-    w->readTask()->taskRunFromTest();
-    w->readTask()->taskRunFromTest();
-    w->taskWatchWritableIs(true);
-    EXPECT_EQ(w->taskWorkCountWritableHighWaterMark(), TaskMaybeU32::unset);
-    w->writeTask()->taskRunFromTest();
-    w->taskWorkCountReadableInc(3);
-
-    EXPECT_EQ(w->taskWorkCountReadableTotal(), 8u);
-    EXPECT_FLOAT_EQ(w->taskWorkCountReadableDecayAvg(), 4.35f);  // 5, then 0, then 3
-    EXPECT_EQ(w->taskWorkCountReadableHighWaterMark(), 5u);
-    EXPECT_EQ(w->taskWorkPendingReadable(), 7u);
-    EXPECT_EQ(w->taskWorkPendingReadableHighWaterMark(), 7u);
-    EXPECT_EQ(w->taskWorkCountWritableTotal(), 0xFFFFFFFFul);
-    EXPECT_EQ(w->taskWorkCountWritableHighWaterMark(), 0xFFFFFFFEu);
-    EXPECT_EQ(w->taskWorkPendingWritableHighWaterMark(), TaskMaybeU32::unset);
-    EXPECT_EQ(w->taskRunCount(), 3u);
-}
-
 TEST_F(FdTask, AnOwnerGoneMidRunOrBeforeAQueuedRunIsNeverReached) {
-    // Dropped inside its own run: the run finishes on a live object, and the
-    // inner task goes when the run loop lets it go.
+    // Dropped inside its own run: the run ends on a live object (the address
+    // sanitizer would see it otherwise), then owner and inner tasks go.
     auto w = watcher();
     std::weak_ptr<_TaskBase> gone = w;
-    int readsSeen = 0;
-    w->onRead = [&](Watcher& self) {
-        w.reset();
-        readsSeen = self.reads;
-    };
+    w->onRead = [&](Watcher& self) { w.reset(), self.writes = 1; };
     w->readFdEvent(sv[0]);
     root->handleSchedulerRun();
-    EXPECT_EQ(readsSeen, 1);
     EXPECT_TRUE(gone.expired());
     EXPECT_EQ(root->tasksPerPriority(P::normal), 0u);
 
@@ -247,7 +181,6 @@ TEST_F(FdTask, AnOwnerGoneMidRunOrBeforeAQueuedRunIsNeverReached) {
     ASSERT_TRUE(inner->taskScheduled());
     root->handleSchedulerRun();
     EXPECT_EQ(reads, 0);
-    EXPECT_FALSE(inner->taskScheduled());
 }
 
 }  // namespace
