@@ -60,13 +60,6 @@ std::future<std::string> readAll(int fd, size_t limit = SIZE_MAX) {
     });
 }
 
-bool waitUntil(const std::function<bool()>& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (!condition() && std::chrono::steady_clock::now() < deadline)
-        Kelvo::Platform::doEventLoopInWaitfor(0.02);
-    return condition();
-}
-
 // Every case runs with SIGPIPE ignored, as a daemon answering reports must.
 class AsyncWriter : public OsTest {
   protected:
@@ -89,7 +82,7 @@ class AsyncWriter : public OsTest {
         writeFaults.arm(fds[1], rates, ++seed_);
         int done = 0;
         root_->snapshotRenderJsonAsync(fds[1], snapshots, [&] { ++done; });
-        EXPECT_TRUE(waitUntil([&] { return done > 0; }));
+        EXPECT_TRUE(loopUntil([&] { return done > 0; }));
         writeFaults.disarm();
         Kelvo::Platform::doEventLoopInWaitfor(0);
         EXPECT_EQ(done, 1);
@@ -166,7 +159,7 @@ TEST(AsyncWriterProcess, VanishedReaderKillsUnlessSigpipeIsIgnored) {
             int done = 0;
             Kelvo::schedulerRootKelvo()->snapshotRenderJsonAsync(fds[1], fleet.snapshots,
                                                                  [&] { ++done; });
-            childCheck(waitUntil([&] { return done > 0; }));
+            childCheck(loopUntil([&] { return done > 0; }));
             std::printf("done %d\n", done);
             return 0;
         });
@@ -195,7 +188,7 @@ TEST_F(AsyncWriter, NamesStatisticsAndTrace) {
     auto received = readAll(fds[0]);
     writeFaults.arm(fd, {.eagain = 30, .eintr = 30, .shortWrite = 30}, 7);
     const std::string lines = traced("KelvoTaskScheduler/3", [&] {
-        EXPECT_TRUE(waitUntil([&] { return root_->snapshotRenderTasks().empty(); }));
+        EXPECT_TRUE(loopUntil([&] { return root_->snapshotRenderTasks().empty(); }));
     });
     writeFaults.disarm();
     EXPECT_EQ(received.get(), renderSync(report));
@@ -246,7 +239,7 @@ TEST_F(AsyncWriter, MisuseFailsWithItsMessage) {
     writeFaults.disarm();
     ::close(fds[0]);
     render->writeTask()->taskWatchWritableIs(true);
-    EXPECT_TRUE(waitUntil([&] { return done > 0; }));
+    EXPECT_TRUE(loopUntil([&] { return done > 0; }));
 }
 
 }  // namespace
