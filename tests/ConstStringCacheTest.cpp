@@ -44,13 +44,11 @@ TEST(ConstStringCache, MisuseRaisesNamedAssertions) {
     ConstStringCache cache;
     ConstStringRef::Elem stray(&cache, "stray");  // counted by nobody
     ConstStringRef held = cache.intern("stray");  // same text, other element
-    auto fails = [](const char* text) {
-        return testing::ThrowsMessage<Kelvo::AssertException>(testing::HasSubstr(text));
-    };
-    EXPECT_THAT([&] { stray.refCountDec(); },
-                fails("Elem::refCountDec() ConstStringRef reference count underflow on \"stray\""));
+    EXPECT_THAT(
+        [&] { stray.refCountDec(); },
+        failsWith("Elem::refCountDec() ConstStringRef reference count underflow on \"stray\""));
     EXPECT_THAT([&] { cache.eraseElem(stray); },
-                fails("ConstStringCache::eraseElem() element \"stray\" is not in this"));
+                failsWith("ConstStringCache::eraseElem() element \"stray\" is not in this"));
     EXPECT_THAT((std::vector<uint64_t>{stray.refCount_, held.refCount(), cache.size()}),
                 testing::ElementsAre(0, 1, 1))
         << "a failed check changes nothing";

@@ -66,18 +66,15 @@ TEST(IntrusiveList, MisuseFailsTheNamedAssertion) {
     run.pushBack(a);
     reg.pushBack(a);
     reg.pushFront(mark);
-    auto fails = [](const char* text) {
-        return testing::ThrowsMessage<Kelvo::AssertException>(testing::HasSubstr(text));
-    };
     // The class part of the prefix is ListImpl with its template parameters.
     const char* beingLinked = "::beingLinked() !( element.*ptrToLinkNode ).isLinked()";
-    EXPECT_THAT([&] { run.pushBack(a); }, fails(beingLinked));
-    EXPECT_THAT([&] { reg.insertBefore(reg.end(), a); }, fails(beingLinked));
+    EXPECT_THAT([&] { run.pushBack(a); }, failsWith(beingLinked));
+    EXPECT_THAT([&] { reg.insertBefore(reg.end(), a); }, failsWith(beingLinked));
     EXPECT_THAT([&] { mark.insertBefore(reg.end()); },
-                fails("Bookmark::insertBefore() !link.isLinked()"));
-    EXPECT_THAT([&] { reg.pushFront(mark); }, fails("::pushFront() !link.isLinked()"));
+                failsWith("Bookmark::insertBefore() !link.isLinked()"));
+    EXPECT_THAT([&] { reg.pushFront(mark); }, failsWith("::pushFront() !link.isLinked()"));
     EXPECT_THAT([&] { (void)RunList::Iterator(run, loose.runLink); },
-                fails("iterator at an unlinked node"));
+                failsWith("iterator at an unlinked node"));
     EXPECT_EQ(ids(run), ids(reg)) << "nothing moved";
     EXPECT_THAT(ids(reg), ElementsAre(1));
 }

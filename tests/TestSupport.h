@@ -67,6 +67,11 @@ std::string thrownMessage(const std::function<void()>& call) {
     return "nothing thrown";
 }
 
+// Matches a call that fails an assertion whose message contains text.
+inline auto failsWith(const std::string& text) {
+    return ::testing::ThrowsMessage<Kelvo::AssertException>(HasSubstr(text));
+}
+
 inline std::string readFile(const std::string& path) {
     std::ostringstream text;
     text << std::ifstream(path, std::ios::binary).rdbuf();
