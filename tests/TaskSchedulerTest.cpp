@@ -819,7 +819,7 @@ TEST_F(Scheduler, ATaskItsOwnersLetGoRunsUnheld) {
     }
     runOnce(*raw);
     root->runsPerCallbackIs(4);
-    raw->body = reschedule;
+    raw->body = [](Probe& task) { task.scheduleTask(); };
     raw->scheduleTask();
     root->callback();
     EXPECT_EQ(raw->runs, 6);
