@@ -58,7 +58,6 @@ TEST_F(FdTask, WriteTaskCreatedOnFirstNeedCopiesTheReadTasksSettings) {
         w->taskStatsNameIs("renamed");
         w->taskWatchWritableIs(true);
         ASSERT_NE(w->writeTask(), nullptr);
-        EXPECT_EQ(root->tasksPerPriority(P::normal), 2u);
         EXPECT_EQ(w->writeTask()->taskName(), "w:write");
         EXPECT_EQ(w->writeTask()->taskStatsName(), "renamed:write");
         EXPECT_EQ(w->readTask()->taskStatsName(), "renamed:read");
