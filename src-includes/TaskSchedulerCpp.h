@@ -45,7 +45,6 @@
 #include <sys/types.h>
 #include <time.h>
 
-#include <boost/circular_buffer.hpp>
 #include <boost/iostreams/device/file_descriptor.hpp>
 #include <boost/iostreams/stream_buffer.hpp>
 
@@ -106,9 +105,87 @@ class KELVO_EXPORT TaskSchedulerHistory {
         String display() const;
     };
 
-    // The events held, newest first: front() is the newest, back() the oldest.
-    using Ring = boost::circular_buffer<Event>;
+    // The events held, newest first: [0] and front() are the newest, back()
+    // the oldest. A fixed row of capacity() slots in which the newest event's
+    // slot steps back one place (wrapping) per event; slots not in use hold
+    // no name.
+    class KELVO_EXPORT Ring {
+      public:
+        class const_iterator {
+          public:
+            using iterator_category = std::random_access_iterator_tag;
+            using value_type = Event;
+            using difference_type = std::ptrdiff_t;
+            using pointer = const Event*;
+            using reference = const Event&;
 
+            const_iterator() = default;
+            const_iterator(const Ring* ring, size_t index) : ring_(ring), index_(index) {}
+
+            reference operator*() const { return (*ring_)[index_]; }
+            pointer operator->() const { return &(*ring_)[index_]; }
+            reference operator[](difference_type n) const { return (*ring_)[index_ + n]; }
+            const_iterator& operator++() { return *this += 1; }
+            const_iterator operator++(int) { return std::exchange(*this, *this + 1); }
+            const_iterator& operator--() { return *this -= 1; }
+            const_iterator operator--(int) { return std::exchange(*this, *this - 1); }
+            const_iterator& operator+=(difference_type n) {
+                index_ += n;
+                return *this;
+            }
+            const_iterator& operator-=(difference_type n) { return *this += -n; }
+            friend const_iterator operator+(const_iterator it, difference_type n) {
+                return it += n;
+            }
+            friend const_iterator operator+(difference_type n, const_iterator it) {
+                return it += n;
+            }
+            friend const_iterator operator-(const_iterator it, difference_type n) {
+                return it -= n;
+            }
+            friend difference_type operator-(const const_iterator& a, const const_iterator& b) {
+                return difference_type(a.index_) - difference_type(b.index_);
+            }
+            friend bool operator==(const const_iterator& a, const const_iterator& b) {
+                return a.index_ == b.index_;
+            }
+            friend auto operator<=>(const const_iterator& a, const const_iterator& b) {
+                return a.index_ <=> b.index_;
+            }
+
+          private:
+            const Ring* ring_ = nullptr;
+            size_t index_ = 0;
+        };
+        using iterator = const_iterator;
+        using value_type = Event;
+        using size_type = size_t;
+
+        explicit Ring(unsigned capacity) : slots_(capacity) {}
+
+        size_t size() const noexcept { return size_; }
+        size_t capacity() const noexcept { return slots_.size(); }
+        bool empty() const noexcept { return size_ == 0; }
+        bool full() const noexcept { return size_ == slots_.size(); }
+        // The i-th newest event, i < size().
+        const Event& operator[](size_t i) const noexcept {
+            const size_t slot = front_ + i;
+            return slots_[slot < slots_.size() ? slot : slot - slots_.size()];
+        }
+        const Event& front() const noexcept { return (*this)[0]; }
+        const Event& back() const noexcept { return (*this)[size_ - 1]; }
+        const_iterator begin() const noexcept { return {this, 0}; }
+        const_iterator end() const noexcept { return {this, size_}; }
+
+      private:
+        friend class TaskSchedulerHistory;
+
+        std::vector<Event> slots_;
+        size_t front_ = 0;  // the newest event's slot
+        size_t size_ = 0;
+    };
+
+    // Capacity 0 records nothing.
     explicit TaskSchedulerHistory(unsigned capacity);
     TaskSchedulerHistory(const TaskSchedulerHistory&) = delete;
     TaskSchedulerHistory& operator=(const TaskSchedulerHistory&) = delete;
@@ -121,24 +198,23 @@ class KELVO_EXPORT TaskSchedulerHistory {
     // caller's. On a full ring the new event takes the oldest one's slot.
     void insert(const TaskTimePoint& when, TaskSchedulerEventType type,
                 const ConstStringRef& name) {
-        if (!events_.full()) {
-            events_.push_front(Event{type, when, name});
+        const size_t capacity = events_.slots_.size();
+        if (capacity == 0) {
             return;
         }
-        if (events_.capacity() == 0) {
-            return;
-        }
-        // The oldest event is overwritten in place and rotated to the front,
-        // which a full ring does in constant time. A busy task's events
-        // follow one another, so the slot often names the same string
-        // already: its reference then stays as it is.
-        Event& slot = events_.back();
+        size_t& front = events_.front_;
+        front = (front == 0 ? capacity : front) - 1;
+        Event& slot = events_.slots_[front];
         slot.eventType = type;
         slot.time = when;
+        // A busy task's events follow one another, so the slot often names
+        // the same string already: its reference then stays as it is.
         if (slot.name.elem() != name.elem()) {
             slot.name = name;
         }
-        events_.rotate(events_.end() - 1);
+        if (events_.size_ < capacity) {
+            ++events_.size_;
+        }
     }
 
     unsigned capacity() const noexcept { return static_cast<unsigned>(events_.capacity()); }

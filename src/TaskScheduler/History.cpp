@@ -66,14 +66,24 @@ void TaskSchedulerHistory::insert(const TaskTimePoint& when, TaskSchedulerEventT
 }
 
 void TaskSchedulerHistory::capacityIs(unsigned n) {
-    if (n != capacity()) {
-        // Keeps the elements nearest the front, which are the newest.
-        events_.set_capacity(n);
+    if (n == capacity()) {
+        return;
     }
+    Ring kept(n);
+    kept.size_ = std::min<size_t>(events_.size_, n);
+    for (size_t i = 0; i < kept.size_; ++i) {
+        const size_t slot = (events_.front_ + i) % events_.capacity();
+        kept.slots_[i] = std::move(events_.slots_[slot]);
+    }
+    // The older events go with the old slots.
+    events_ = std::move(kept);
 }
 
 void TaskSchedulerHistory::clear() noexcept {
-    events_.clear();
+    for (Event& event : events_.slots_) {
+        event.name.release();
+    }
+    events_.front_ = events_.size_ = 0;
 }
 
 void TaskSchedulerHistory::renderText(std::ostream& out) const {
