@@ -19,13 +19,6 @@ TaskTimePoint at(long ns) {
     return TaskTimePoint(TaskTimeDuration(ns));
 }
 
-std::vector<std::string> names(const TaskSchedulerHistory& history) {
-    std::vector<std::string> out;
-    for (const auto& event : history.events())
-        out.push_back(event.name.str());
-    return out;
-}
-
 // The dump's title, underlined to its length.
 std::string dumpHeader(unsigned capacity) {
     const std::string title = "Last " + std::to_string(capacity) +
@@ -36,30 +29,41 @@ std::string dumpHeader(unsigned capacity) {
 // ---------------------------------------------------------------------------
 // History
 
-TEST(TaskSchedulerHistory, RingKeepsTheNewestAcrossOverwriteAndCapacityChange) {
+// Each row inserts one event per letter, oldest first, then changes the
+// capacity. An event that overwrites the oldest may take over its name: the
+// cache must still hold one reference per event kept, besides its own.
+TEST(TaskSchedulerHistory, RingKeepsTheNewestAndOneNameReferencePerEvent) {
     struct Case {
         unsigned capacity;
-        int inserts;  // names "e0", "e1", ...
+        std::string inserted;
         unsigned newCapacity;
-        std::vector<std::string> newestFirst;
+        std::string newestFirst;
     } cases[] = {
-        {3, 4, 3, {"e3", "e2", "e1"}},  // full ring overwrites the oldest
-        {3, 7, 3, {"e6", "e5", "e4"}},  // and keeps wrapping
-        {100, 5, 2, {"e4", "e3"}},      // shrinking keeps the newest
-        {3, 5, 5, {"e4", "e3", "e2"}},  // growing keeps all, in order
-        {0, 3, 0, {}},                  // capacity 0 records nothing
-        {2, 3, 0, {}},
+        {3, "abcd", 3, "dcb"},     // a full ring overwrites the oldest
+        {3, "abcdefg", 3, "gfe"},  // and keeps wrapping
+        {3, "aabbaab", 3, "baa"}, {3, "aaaaaaa", 3, "aaa"},
+        {1, "ababab", 1, "b"},    {100, "abcde", 2, "ed"},  // shrinking keeps the newest
+        {3, "abcab", 5, "bac"},                             // growing keeps all, in order
+        {0, "abc", 0, ""},                                  // capacity 0 records nothing
+        {2, "abc", 0, ""},
     };
     for (const Case& c : cases) {
         TaskSchedulerHistory history(c.capacity);
-        for (int i = 0; i < c.inserts; ++i)
-            history.insert(at(i), Type::schedule,
-                           history.stringCache().intern("e" + std::to_string(i)));
+        for (size_t i = 0; i < c.inserted.size(); ++i)
+            history.insert(at(long(i)), Type::runEnd,
+                           history.stringCache().intern(c.inserted.substr(i, 1)));
         history.capacityIs(c.newCapacity);
-        EXPECT_EQ(history.capacity(), c.newCapacity);
-        EXPECT_EQ(names(history), c.newestFirst) << c.capacity << "/" << c.inserts;
-        // Overwritten and dropped events released their names.
-        EXPECT_EQ(history.stringCache().size(), c.newestFirst.size());
+        std::string newestFirst;
+        std::map<std::string, uint64_t> held;
+        for (const auto& event : history.events()) {
+            newestFirst += event.name.str();
+            ++held[event.name.str()];
+        }
+        const std::string row = c.inserted + "/" + std::to_string(c.capacity);
+        EXPECT_EQ(newestFirst, c.newestFirst) << row;
+        EXPECT_EQ(history.stringCache().size(), held.size()) << row;
+        for (const auto& [name, count] : held)
+            EXPECT_EQ(history.stringCache().find(name).refCount(), count + 1) << row << " " << name;
     }
 }
 
@@ -84,29 +88,20 @@ TEST(TaskSchedulerHistory, TextDumpLayoutAndDisplayTextEnds) {
     none.insert(at(5), Type::busy, none.stringCache().intern("t"));
     none.renderText(zero);
     EXPECT_EQ(zero.str(), dumpHeader(0) + "\n");
+    EXPECT_THAT(schedulerRootKelvoNonShared("r")->historyRenderTextForDebugToString(),
+                StartsWith(dumpHeader(100)));
 
     EXPECT_STREQ(taskSchedulerEventTypeDisplay(Type(23)), "schedulerTestYieldRatioOff");
     EXPECT_THAT(thrownMessage([] { taskSchedulerEventTypeDisplay(Type(24)); }),
                 EndsWith("unexpected eventType 24"));
-}
 
-// Writing through a descriptor that stays open is covered by the root's dump.
-TEST(FdToStream, ClosesWhenAskedAndRefusesNonBlockingDescriptors) {
+    // Dumps to a descriptor block; a non-blocking one is refused.
     int fds[2];
-    ASSERT_EQ(::pipe(fds), 0);
-    FdToStream(fds[1], true) << "hello " << 42;
-    EXPECT_EQ(::fcntl(fds[1], F_GETFD), -1);
-    char text[32] = {};
-    EXPECT_EQ(::read(fds[0], text, sizeof text), 8);
-    EXPECT_STREQ(text, "hello 42");
-    ::close(fds[0]);
-
     ASSERT_EQ(::pipe2(fds, O_NONBLOCK), 0);
-    const int flags = ::fcntl(fds[1], F_GETFL);
     EXPECT_THAT(
-        thrownMessage([&] { FdToStream out(fds[1], false); }),
+        thrownMessage([&] { FdToStream stream(fds[1], false); }),
         EndsWith(fmt::format("FileDescriptor {} flags 0x{:x} is non-blocking, not supported",
-                             fds[1], flags)));
+                             fds[1], ::fcntl(fds[1], F_GETFL))));
     ::close(fds[0]);
     ::close(fds[1]);
 }
@@ -159,7 +154,13 @@ class Scheduler : public ::testing::Test {
 
 TEST_F(Scheduler, ScheduleIsIdempotentAndSuspensionKeepsTasksOffTheQueue) {
     driveClock();
-    auto task = probe(root, P::normal, "t");
+    std::string statusInRun;
+    auto task = probe(root, P::normal, "t", [&](Probe& self) {
+        self.scheduleTask();
+        statusInRun = self.getStats().taskStatusString();
+        self.unscheduleTask();  // stamps a latency of its own
+        statusInRun += self.getStats().taskStatusString();
+    });
     task->scheduleTask();
     const TaskTimePoint queuedAt = task->taskEnqueueTime();
     now += 5ms;
@@ -168,16 +169,22 @@ TEST_F(Scheduler, ScheduleIsIdempotentAndSuspensionKeepsTasksOffTheQueue) {
     task->taskSuspendedIs(true);
     EXPECT_EQ(task->getStats().taskLastSchedulingLatency(), 5ms);  // unlinking stamps latency
     task->scheduleTask();
+    EXPECT_EQ(task->getStats().taskStatusString(), "Sn");
     task->taskSuspendedIs(false);  // a resumed task always runs once
     EXPECT_EQ(events(*root),
               (std::vector<std::string>{
                   "busy         t", "schedule     t", "suspendOff   t", "scheduleSus  t",
                   "idle         t", "unschedule   t", "suspendOn    t", "busy         t",
                   "schedulerRunnable test", "schedule     t", "create       t"}));
+    now += 3ms;
     root->handleSchedulerRun();
     root->handleSchedulerRun();  // finds nothing: idle
     EXPECT_EQ(task->runs, 1);
-    EXPECT_FALSE(task->taskBusy());
+    EXPECT_EQ(statusInRun, "*N*n");
+    const TaskStat stat = task->getStats();
+    EXPECT_EQ(stat.taskStatusString(), " n");
+    EXPECT_EQ(stat.taskLastSchedulingLatency(), 0ms);
+    EXPECT_EQ(stat.taskSchedulingLatencyHighWaterMark(), 5ms);
     EXPECT_EQ(events(*root)[0], "schedulerIdle test");
 }
 
@@ -192,8 +199,7 @@ TEST_F(Scheduler, QuantumViolationsCountAtExactlyTwoAndFiveTimes) {
     };
     for (const Case& c : cases) {
         auto task = probe(root, P::normal, "q", [&](Probe&) { now += c.used; });
-        task->scheduleTask();
-        root->handleSchedulerRun();
+        runOnce(*task);
         const TaskStat stat = task->getStats();
         EXPECT_EQ(stat.taskQuantumViolation200(), c.qv200) << c.used.count();
         EXPECT_EQ(stat.taskQuantumViolation500(), c.qv500) << c.used.count();
@@ -231,8 +237,7 @@ TEST_F(Scheduler, ShouldYieldInEachMode) {
         task->taskTestYieldRatioIs(c.ratio);
         root->taskTestYieldRatioIs(c.rootRatio);
         EXPECT_EQ(root->forceYieldTaskCount(), c.ratio || c.rootRatio ? 1u : 0u);
-        task->scheduleTask();
-        root->handleSchedulerRun();
+        runOnce(*task);
         EXPECT_EQ(answers, c.answers) << c.step.count() << "/" << int(c.ratio);
     }
     EXPECT_THAT(thrownMessage([&] { task->taskShouldYield(); }),
@@ -252,8 +257,7 @@ TEST_F(Scheduler, VirtualTimeIsAdoptedFromTheLoopAndMeasuresQuanta) {
     });
     task->taskQuantumIs(1s);
     Platform::setFastForward(true);
-    task->scheduleTask();
-    root->handleSchedulerRun();
+    runOnce(*task);
     Platform::setFastForward(false);
     EXPECT_EQ(answers, (std::vector<bool>{false, true, true}));
     root->handleSchedulerRun();  // the next run adopts the switch back
@@ -365,53 +369,6 @@ TEST_F(Scheduler, ExceptionFromATaskPassesThroughWithoutStallingTheLoop) {
     EXPECT_FALSE(root->schedulerHasRunnableTasks());
 }
 
-TEST_F(Scheduler, BatchedRunsStopAtTheBatchAQuantumUserOrAnEmptyQueue) {
-    driveClock();
-    int ran = 0;
-    std::vector<std::shared_ptr<Probe>> tasks;
-    for (int i = 0; i < 40; ++i)
-        tasks.push_back(probe(root, P::normal, "b", [&](Probe&) { ++ran; }));
-    for (auto& t : tasks)
-        t->scheduleTask();
-    root->callback();
-    EXPECT_EQ(ran, 1);  // default: one task per callback
-    root->runsPerCallbackIs(16);
-    root->callback();
-    EXPECT_EQ(ran, 17);
-    tasks[20]->body = [&](Probe&) {
-        ++ran;
-        now += 20ms;  // uses its whole quantum
-    };
-    root->callback();
-    EXPECT_EQ(ran, 21);  // 17..20 ran, 20 stopped the batch
-    root->callback();
-    root->callback();
-    EXPECT_EQ(ran, 40);  // the queue ran dry inside the batch
-    EXPECT_FALSE(root->schedulerHasRunnableTasks());
-    EXPECT_THAT(thrownMessage([&] { root->runsPerCallbackIs(0); }),
-                HasSubstr("runsPerCallback: 0"));
-}
-
-TEST_F(Scheduler, HistoryOfTheRootRendersEverywhereAndClears) {
-    auto task = probe(root, P::normal, "h");
-    task->scheduleTask();
-    const std::string text = root->historyRenderTextForDebugToString();
-    EXPECT_THAT(text, StartsWith(dumpHeader(100)));
-    EXPECT_THAT(text, HasSubstr(" \u00b5s schedule     h\n"));
-    int fds[2];
-    ASSERT_EQ(::pipe(fds), 0);
-    root->historyRenderTextForDebug(fds[1]);
-    EXPECT_EQ(::close(fds[1]), 0);  // still open: the stream does not own it
-    std::string piped(text.size() + 1, '\0');
-    piped.resize(::read(fds[0], piped.data(), piped.size()));
-    ::close(fds[0]);
-    EXPECT_EQ(piped, text);
-    root->historyEntryCountIs(2);
-    root->clearHistory();
-    EXPECT_EQ(root->historyEntryCount(), 2u);
-    EXPECT_TRUE(events(*root).empty());
-}
-
 // ---------------------------------------------------------------------------
 // Statistics
 
@@ -431,7 +388,6 @@ TEST_F(Scheduler, WorkFiguresSaturateBelowTheUnsetSentinel) {
     };
     for (const Case& c : cases) {
         auto task = probe(root, P::normal, "w");
-        EXPECT_FALSE(task->getStats().taskWorkPendingHighWater().isSet());
         unsigned long total = 0;
         for (unsigned long n : c.counts) {
             task->taskWorkCountInc(n);
@@ -447,64 +403,11 @@ TEST_F(Scheduler, WorkFiguresSaturateBelowTheUnsetSentinel) {
     }
 }
 
-TEST_F(Scheduler, LiveRecordLatencyAndStatus) {
+// The reset walks the registry newest first, a bounded slice per run; tasks
+// that come or go meanwhile neither break the walk nor lose figures they
+// gathered behind it. Clearing does all of it at once.
+TEST_F(Scheduler, StatsResetWalksWithABookmarkAndYieldsAndClearingDoesNot) {
     driveClock();
-    std::string runningOnQueue, runningOffQueue;
-    auto task = probe(root, P::normal, "live", [&](Probe& self) {
-        now += 7ms;
-        self.scheduleTask();
-        runningOnQueue = self.getStats().taskStatusString();
-        self.unscheduleTask();
-        runningOffQueue = self.getStats().taskStatusString();
-    });
-    task->scheduleTask();
-    now += 3ms;
-    root->handleSchedulerRun();
-    EXPECT_EQ(runningOnQueue, "*N");
-    EXPECT_EQ(runningOffQueue, "*n");
-    const TaskStat stat = task->getStats();
-    EXPECT_EQ(stat.taskKey(), TaskKey(task.get()));
-    EXPECT_EQ(stat.taskTotalRunTime(), 7ms);
-    EXPECT_EQ(stat.taskLastSchedulingLatency(), 0ms);  // the unschedule inside the run
-    EXPECT_EQ(stat.taskSchedulingLatencyHighWaterMark(), 3ms);
-    EXPECT_EQ(stat.taskStatusString(), " n");
-    task->taskSuspendedIs(true);
-    EXPECT_EQ(task->getStats().taskStatusString(), "Sn");
-}
-
-TEST_F(Scheduler, CompletedTasksMergeByNameAndLeaveOutExcludedOnes) {
-    for (int runs : {1, 2}) {
-        auto task = probe(root, P::low, "w");
-        for (int i = 0; i < runs; ++i)
-            runOnce(*task);
-    }
-    probe(root, P::low, "hidden")->includeInCompletedTaskIs(false);  // dies at once
-    std::vector<TaskStat> completed;
-    EXPECT_EQ(root->getCompletedTaskStats(&completed, false), 0u);
-    ASSERT_EQ(completed.size(), 1u);
-    EXPECT_EQ(completed[0].taskName(), "L w");
-    EXPECT_EQ(completed[0].taskCompletedCount(), 2u);
-    EXPECT_EQ(completed[0].taskRunCount(), 3u);
-
-    auto ran = probe(root, P::normal, "ran"), idle = probe(root, P::normal, "idle");
-    runOnce(*ran);
-    std::vector<TaskStat> live;
-    EXPECT_EQ(root->getTaskStats(&live, false), 1u);  // "idle" never ran: skipped
-    ASSERT_EQ(live.size(), 1u);
-    EXPECT_EQ(live[0].taskName(), "ran");
-
-    root->clearStats();
-    EXPECT_EQ(ran->getStats().taskRunCount(), 0u);
-    EXPECT_FALSE(ran->getStats().taskWorkCountHighWater().isSet());
-    EXPECT_EQ(root->maxSchedulerSlip(), 0ns);
-    live.clear();
-    root->getCompletedTaskStats(&live, true);
-    EXPECT_TRUE(live.empty());
-    EXPECT_EQ(root->queueStats().at(P::low).totalRunCount, 0u);
-    EXPECT_EQ(root->queueStats().at(P::low).completedTasks, 0u);
-}
-
-TEST_F(Scheduler, IncrementalStatsResetWalksWithABookmarkAndYields) {
     std::vector<std::shared_ptr<Probe>> tasks;
     for (int i = 0; i < 100; ++i) {
         tasks.push_back(probe(root, P::low, "r"));
@@ -517,9 +420,8 @@ TEST_F(Scheduler, IncrementalStatsResetWalksWithABookmarkAndYields) {
     while (root->resetStatsInProgress() && runs < 1000) {
         root->handleSchedulerRun();
         if (++runs == 3) {
-            // The registry is newest first: tasks[5] is still ahead of the
-            // walk and simply vanishes from it; "late" is linked at the front,
-            // behind the walk, and keeps its figures.
+            // tasks[5] is still ahead of the walk and simply vanishes from
+            // it; "late" is linked at the front, behind the walk.
             tasks[5].reset();
             tasks.push_back(probe(root, P::low, "late"));
             tasks.back()->taskWorkCountInc(5);
@@ -533,6 +435,19 @@ TEST_F(Scheduler, IncrementalStatsResetWalksWithABookmarkAndYields) {
     root->getCompletedTaskStats(&completed, true);
     EXPECT_TRUE(completed.empty());
     root->taskTestYieldRatioIs(0);
+
+    tasks[0]->scheduleTask();
+    now += 3ms;
+    root->handleSchedulerRun();
+    probe(root, P::low, "gone");
+    ASSERT_EQ(root->maxSchedulerSlip(), 3ms);
+    root->clearStats();
+    EXPECT_EQ(tasks[0]->taskRunCount(), 0u);
+    EXPECT_EQ(tasks.back()->getStats().taskWorkCountTotal(), 0u);
+    EXPECT_EQ(root->maxSchedulerSlip(), 0ns);
+    root->getCompletedTaskStats(&completed, true);
+    EXPECT_TRUE(completed.empty());
+    EXPECT_EQ(root->queueStats().at(P::low).totalRunCount, 0u);
 
     auto empty = schedulerRootKelvoNonShared("empty");
     empty->resetStats();
@@ -749,48 +664,33 @@ TEST(SchedulerThreads, WrongThreadFailsWithTheFullMessage) {
 }
 
 // ---------------------------------------------------------------------------
-// Run references and the history ring's name handover
+// Run references
 
-// An event that overwrites the oldest one takes its name reference over when
-// both name the same string: the counts must stay one per event held.
-TEST(TaskSchedulerHistory, OverwriteKeepsOneNameReferencePerEvent) {
-    for (const std::string sequence : {"aaaaaaa", "ababab", "aabbaab", "abcab", "a"}) {
-        for (unsigned capacity : {0u, 1u, 3u}) {
-            TaskSchedulerHistory history(capacity);
-            for (size_t i = 0; i < sequence.size(); ++i)
-                history.insert(at(long(i)), Type::runEnd,
-                               history.stringCache().intern(sequence.substr(i, 1)));
-            std::map<std::string, uint64_t> held;
-            for (const auto& event : history.events())
-                ++held[event.name.str()];
-            EXPECT_EQ(history.size(), std::min<size_t>(capacity, sequence.size()));
-            EXPECT_EQ(history.stringCache().size(), held.size()) << sequence << "/" << capacity;
-            for (const auto& [name, count] : held)
-                EXPECT_EQ(history.stringCache().find(name).refCount(), count + 1)
-                    << sequence << "/" << capacity << " " << name;
-        }
-    }
-}
-
-// The scheduler holds a task for the length of its run, so a task may drop
-// its owner's last reference inside its run; in a batch, a task that others
-// still hold may keep that reference from one run to the next, but one whose
-// last outside reference went must go at the end of that run, as it would
-// with one run per callback.
-TEST_F(Scheduler, ARunHoldsItsTaskAndABatchLetsItGoWithItsLastOwner) {
+// One callback runs up to its batch of tasks, stopping early after a task
+// that used its whole quantum or when nothing is left to run. The scheduler
+// holds a task for the length of its run, so a task may drop its owner's last
+// reference inside its run; in a batch, a task that others still hold may
+// keep that reference from one run to the next, but one whose last outside
+// reference went must go at the end of that run, as it would with one run
+// per callback.
+TEST_F(Scheduler, ABatchStopsAtAQuantumUserOrAnEmptyQueueAndHoldsEachRun) {
+    driveClock();
     struct Case {
         unsigned batch;
         int dropAtRun;  // 0: the owner keeps it
+        int busyAtRun;  // uses its quantum in that run; 0: never
         int runs;       // in one callback
-    } cases[] = {{1, 1, 1}, {1, 0, 1}, {16, 3, 3}, {16, 1, 1}, {16, 0, 16}};
+    } cases[] = {{1, 1, 0, 1},  {1, 0, 0, 1},   {16, 3, 0, 3},
+                 {16, 1, 0, 1}, {16, 0, 0, 16}, {16, 0, 4, 4}};
     for (const Case& c : cases) {
         root->runsPerCallbackIs(c.batch);
         int runs = 0;
         std::shared_ptr<Probe> owner;
         std::weak_ptr<Probe> weak;
         owner = probe(root, P::normal, "held", [&](Probe& self) {
-            ++runs;
             self.scheduleTask();
+            if (++runs == c.busyAtRun)
+                now += 20ms;
             if (runs == c.dropAtRun) {
                 owner.reset();
                 EXPECT_FALSE(weak.expired());  // the run's own reference
@@ -800,13 +700,17 @@ TEST_F(Scheduler, ARunHoldsItsTaskAndABatchLetsItGoWithItsLastOwner) {
         weak = owner;
         owner->scheduleTask();
         root->callback();
-        EXPECT_EQ(runs, c.runs) << c.batch << "/" << c.dropAtRun;
+        const std::string row = std::to_string(c.batch) + "/" + std::to_string(c.dropAtRun) + "/" +
+                                std::to_string(c.busyAtRun);
+        EXPECT_EQ(runs, c.runs) << row;
         EXPECT_EQ(root->currentTask(), nullptr);
         // Nothing of the scheduler's is left on the task after the callback.
-        EXPECT_EQ(weak.use_count(), c.dropAtRun ? 0 : 1) << c.batch << "/" << c.dropAtRun;
-        EXPECT_EQ(root->runnableTaskCount(), c.dropAtRun ? 0u : 1u);
+        EXPECT_EQ(weak.use_count(), c.dropAtRun ? 0 : 1) << row;
+        EXPECT_EQ(root->runnableTaskCount(), c.dropAtRun ? 0u : 1u) << row;
         owner.reset();
     }
+    EXPECT_THAT(thrownMessage([&] { root->runsPerCallbackIs(0); }),
+                HasSubstr("runsPerCallback: 0"));
 }
 
 // A task no std::shared_ptr owns any more but that lives on (its owner's
