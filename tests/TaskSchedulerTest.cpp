@@ -95,8 +95,13 @@ TEST(TaskSchedulerHistory, TextDumpLayoutAndDisplayTextEnds) {
     EXPECT_THAT(thrownMessage([] { taskSchedulerEventTypeDisplay(Type(24)); }),
                 EndsWith("unexpected eventType 24"));
 
-    // Dumps to a descriptor block; a non-blocking one is refused.
+    // Dumps to a descriptor block, closing it when asked; a non-blocking
+    // one is refused.
     int fds[2];
+    ASSERT_EQ(::pipe(fds), 0);
+    FdToStream(fds[1], true) << "x";
+    EXPECT_EQ(::fcntl(fds[1], F_GETFD), -1);
+    ::close(fds[0]);
     ASSERT_EQ(::pipe2(fds, O_NONBLOCK), 0);
     EXPECT_THAT(
         thrownMessage([&] { FdToStream stream(fds[1], false); }),
