@@ -110,16 +110,16 @@ TEST(LibeventLoop, InfiniteBoundWaitsNegativeOrNanBoundIsZero) {
         {"doEventLoopInWaitfor(nan)", [=] { doEventLoopInWaitfor(nan); }},
         {"doEventLoopInWaitfor(-inf)", [] { doEventLoopInWaitfor(-inf); }},
     };
-    for (const auto& [name, run] : rows) {
-        const bool unbounded = &run < &rows[2].second;
+    for (size_t i = 0; i < std::size(rows); ++i) {
+        const bool unbounded = i < 2;
         Probe due, later;
         if (!unbounded)
             due.start(0);
         later.start(unbounded ? 0.05 : 5);
-        run();
+        rows[i].second();
         EXPECT_EQ(std::tuple(due.fired, later.fired),
                   unbounded ? std::tuple(0, 1) : std::tuple(1, 0))
-            << name;
+            << rows[i].first;
     }
 }
 
