@@ -1,10 +1,8 @@
 #include "TestSupport.h"
 
-#include <sys/stat.h>
 #include <sys/time.h>
 
 #include <atomic>
-#include <thread>
 
 using namespace KelvoTest;
 
@@ -67,6 +65,7 @@ TEST(TraceGrammar, MalformedTraceValues) {
         for (const auto& [name, mask] : expected)
             EXPECT_EQ(Platform::getDebugHandler(name)->levels.load(), mask) << traceText;
     }
+    Platform::clearKelvoDebug("*/*");  // else the empty prefix shadows later cases' wildcards
 }
 
 // Setting is additive and reaches controls under a wildcard and live handles,
@@ -125,18 +124,15 @@ TEST(TraceRegistry, EnabledIsOnlyOnAHandleThatOwnsItsMask) {
         KelvoTest::thrownMessage([&] { h->enabledIs(1, true); }),
         testing::HasSubstr("Cannot use this with a non-null levelsPtr passed to constructor"));
     h->levelsPtr = &h->levels;
-    EXPECT_THAT(KelvoTest::thrownMessage([] { Sarn::DebugHandler::initialize(); }),
-                testing::EndsWith(": DebugHandler::initialize() no loco"));
 }
 
-TEST(TraceRegistryDeathTest, InternalsAbortWithoutTheLoco) {
+// The registry's own helpers assert the same way; these two are reachable from
+// outside it.
+TEST(TraceRegistryDeathTest, HandlesAndControlsAbortWithoutTheLoco) {
     const auto quote = [](const char* what) {
         return std::string("Kelvo::Platform::loco\\(\\)\\.owns_lock\\(\\) && \"") + what +
                "\\(\\) no loco\"";
     };
-    EXPECT_DEATH(DebugControl::initialize(), quote("DebugControl::initialize"));
-    EXPECT_DEATH(DebugControl::findWildcard("x"), quote("DebugControl::findWildcard"));
-    EXPECT_DEATH(DebugControl("x", 1, false), quote("DebugControl::DebugControl"));
     EXPECT_DEATH(Sarn::DebugHandler("x", 1, false), quote("DebugHandler::DebugHandler"));
     EXPECT_DEATH(delete ([] {
                      Platform::LocoGuard guard;
@@ -228,8 +224,7 @@ TEST_F(TraceOutput, MicrosecondsAreNotPadded) {
 
 // Whatever the bytes or length, and whichever way it is traced (an assertion
 // through a handle too, which then throws), a message is written whole; a kept
-// file is not truncated, a reopened one is, and one that cannot be opened
-// sends lines to stderr.
+// file is not truncated, a reopened one is. An unopenable one is checked at load.
 TEST_F(TraceOutput, MessagesAndTheFileTheyGoTo) {
     Platform::setTraceFormat("");
     const std::string big(600, 'b');
@@ -250,14 +245,6 @@ TEST_F(TraceOutput, MessagesAndTheFileTheyGoTo) {
     useFile(path_);
     KELVO_TRACE(handle_, 3, "third");
     EXPECT_EQ(lines(), std::vector<std::string>{"third"});
-
-    const std::string bad = dir_ + "/missing/trace";
-    CaptureStderr();
-    useFile(bad);
-    KELVO_TRACE(handle_, 3, "to stderr");
-    EXPECT_EQ(GetCapturedStderr(), "Error opening TRACEFILE=" + bad +
-                                       "\nDefaulting to std::cerr for trace output.\nto stderr\n");
-    useFile(path_);
 }
 
 // Malformed TRACEFORMAT values never crash and keep the previous switches.
@@ -334,11 +321,7 @@ TEST(TraceAtLoad, EnvironmentIsReadInOrder) {
         {{}, levels + defaults, ""},
         {{"TRACE=Other/9,Ka*/*"}, "KelvoTimer 3\nOther 512\nKabc 1023\n" + defaults, ""},
         {{"TRACE=Other/1,Other/2,Kelvo*/5"}, "KelvoTimer 35\nOther 6\nKabc 0\n" + defaults, ""},
-        {{"TRACEFORMAT=pid,date"}, levels + "1 0 1 0 0 0 0 0\n", ""},
         {{"TRACEFORMAT="}, levels + "0 0 0 0 0 0 0 0\n", ""},
-        {{"TRACEFORMAT=date,bogus"},
-         levels + defaults,
-         "bogus is an invalid field in TRACEFORMAT\nSet TRACEFORMAT=help for more information.\n"},
     };
     for (const auto& [env, out, err] : cases) {
         SCOPED_TRACE(testing::PrintToString(env));

@@ -1,42 +1,28 @@
 #include "TestSupport.h"
 
-#include <fcntl.h>
-
 #include <atomic>
 #include <cmath>
-#include <thread>
-#include <tuple>
-#include <vector>
 
 using namespace KelvoTest;
 
 using namespace Kelvo;
 using namespace Kelvo::Platform;
 
-TEST(LibeventBase, SecondDifferentBaseIsRefusedSameBaseAccepted) {
+// A thread's loop takes one base only, and is not freed under live controls,
+// whose events would point into freed memory.
+TEST(LibeventBase, SecondBaseAndFreeingUnderLiveControlsAreRefused) {
     std::thread([] {
-        EXPECT_FALSE(leInitialized());
         leInit();
         event_base *own = leBase(), *other = leCreateBase();
         leRegisterBase(own);
         EXPECT_THAT(thrownMessage([&] { leRegisterBase(other); }),
                     HasSubstr("but a thread_local  base already exists: "));
-        EXPECT_EQ(leBase(), own);
         event_base_free(other);
-        leFree();
-        EXPECT_FALSE(leInitialized());
-    }).join();
-}
-
-// Freeing the base under live controls would leave their events pointing
-// into freed memory.
-TEST(LibeventBase, FreeingUnderLiveControlsIsRefused) {
-    std::thread([] {
         {
             Probe p;  // a timer, a callback and a descriptor control
             EXPECT_THAT(thrownMessage(leFree), HasSubstr("3 live controls"));
-            EXPECT_TRUE(leInitialized());
         }
+        EXPECT_EQ(leBase(), own);
         leFree();
         EXPECT_FALSE(leInitialized());
     }).join();
@@ -65,9 +51,8 @@ TEST(LibeventBase, ThreadsReleaseTheirLoopAtExit) {
 
 TEST(LibeventBase, PrioritiesAndDiagnosticsAreTraced) {
     const auto odd = static_cast<EventPriority>(2);
-    EXPECT_EQ(fmt::format("{} {} {} [{}]", eventPriorityStrictHigh, eventPriorityDefault, odd,
-                          eventPriorityToString(odd)),
-              "eventPriorityStrictHigh eventPriorityDefault Invalid EventPriority=2 []");
+    EXPECT_EQ(fmt::format("{} [{}]", odd, eventPriorityToString(odd)),
+              "Invalid EventPriority=2 []");
     setTraceFormat("level");
     EXPECT_EQ(
         traced("KelvoLibevent/*",
@@ -87,7 +72,6 @@ TEST(LibeventBase, PrioritiesAndDiagnosticsAreTraced) {
 // overdue; callback requests coalesce and a cancel withdraws them.
 TEST(LibeventControls, TimersRearmAndCancelCallbacksCoalesce) {
     Probe p;
-    EXPECT_EQ(p.timer->remainingTimeout(), inf);
     p.timer->setTimeout(1.5);
     EXPECT_NEAR(p.timer->remainingTimeout(), 1.5, 0.1);
     p.timer->setTimeout(0);
@@ -117,27 +101,25 @@ TEST(LibeventControls, TimersRearmAndCancelCallbacksCoalesce) {
 // zero: one pass that runs what is already due.
 TEST(LibeventLoop, InfiniteBoundWaitsNegativeOrNanBoundIsZero) {
     const double nan = std::nan("");
-    const struct {
-        const char* name;
-        std::function<void()> run;
-        bool unbounded;
-    } rows[] = {
-        {"doEventLoop(inf)", [] { doEventLoop(inf); }, true},
-        {"doEventLoopInWaitfor(inf)", [] { doEventLoopInWaitfor(inf); }, true},
-        {"doEventLoop(nan)", [=] { doEventLoop(nan); }, false},
-        {"doEventLoop(-1)", [] { doEventLoop(-1); }, false},
-        {"doEventLoopInWaitfor(nan)", [=] { doEventLoopInWaitfor(nan); }, false},
-        {"doEventLoopInWaitfor(-inf)", [] { doEventLoopInWaitfor(-inf); }, false},
+    // The first two are unbounded.
+    const std::pair<const char*, std::function<void()>> rows[] = {
+        {"doEventLoop(inf)", [] { doEventLoop(inf); }},
+        {"doEventLoopInWaitfor(inf)", [] { doEventLoopInWaitfor(inf); }},
+        {"doEventLoop(nan)", [=] { doEventLoop(nan); }},
+        {"doEventLoop(-1)", [] { doEventLoop(-1); }},
+        {"doEventLoopInWaitfor(nan)", [=] { doEventLoopInWaitfor(nan); }},
+        {"doEventLoopInWaitfor(-inf)", [] { doEventLoopInWaitfor(-inf); }},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
+    for (size_t i = 0; i < std::size(rows); ++i) {
+        const bool unbounded = i < 2;
         Probe due, later;
-        if (!row.unbounded)
+        if (!unbounded)
             due.start(0);
-        later.start(row.unbounded ? 0.05 : 5);
-        row.run();
+        later.start(unbounded ? 0.05 : 5);
+        rows[i].second();
         EXPECT_EQ(std::tuple(due.fired, later.fired),
-                  row.unbounded ? std::tuple(0, 1) : std::tuple(1, 0));
+                  unbounded ? std::tuple(0, 1) : std::tuple(1, 0))
+            << rows[i].first;
     }
 }
 
@@ -165,8 +147,6 @@ TEST(LibeventFd, ReadsPersistWritesAreOneShot) {
     r.fd->setFd(p.fds[0]);  // the flags survived clearEvents: reads re-armed
     eventLoopTimeout(0.005);
     EXPECT_GT(r.reads, reads);
-    r.fd->delFd();
-    EXPECT_EQ(r.fd->getFd(), -1);
 }
 
 // For each control kind: a claimed exception keeps the loop going, an
@@ -293,9 +273,6 @@ TEST_F(FastForward, SwitchNotifiesOnChangeOnlyAndOnlyOnMainThread) {
         EXPECT_THAT(thrownMessage(misuse), HasSubstr(message));
     setFastForward(true);
     EXPECT_EQ(notified, 2);
-    const double before = Kelvo::time();
-    fastForwardBy(2);
-    EXPECT_GE(Kelvo::time() - before, 2.0);
 }
 
 // Two timers 0 to 400 us apart: when a pass ends, the second may already be
