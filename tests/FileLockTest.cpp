@@ -29,9 +29,8 @@ TEST_F(FileLock, LockFileIsSharedCloseOnExecAndReenteredOnlyByItsHolder) {
     struct stat info;
     ASSERT_EQ(::stat(path("a/b/x.lock").c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 0777, 0666u);
-    for (int fd : openFds()) {
+    for (int fd : openFds())
         EXPECT_TRUE(added.count(fd) || ::fcntl(fd, F_GETFD) & FD_CLOEXEC);
-    }
     CaptureStderr();
     const auto held = openFds();
     EXPECT_TRUE(first.lock(true)) << "re-entry";
