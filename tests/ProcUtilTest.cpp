@@ -231,13 +231,17 @@ TEST_F(ProcUtil, AnUnprivilegedCallerGetsNoAnswerForWhatItCannotSee) {
               "mappings: unknown\ntype: unknown\nownLock: self\nexit 0");
 }
 
-// Lines the kernel writes for other kinds of objects, and damaged ones, beyond
-// those of the cases above and below; each entry is the line and what the
-// parser makes of it.
+// Every parser is given lines the kernel writes for other kinds of objects,
+// and damaged ones, beyond those of the cases above; each entry is the line
+// and what the parser makes of it.
 TEST(ProcUtilParse, LinesOfEachFormat) {
     const auto lock = [](std::string_view line) {
         const auto parsed = Impl::parseLockLine(line);
         return parsed ? fmt::format("{} {}", parsed->waiter ? "wait" : "held", parsed->inode) : "-";
+    };
+    const auto socket = [](std::string_view line) {
+        const auto parsed = Impl::parseUnixSocketLine(line);
+        return parsed ? fmt::format("{} [{}]", parsed->inode, parsed->path) : "-";
     };
     const auto stat = [](std::string_view text) {
         const auto parsed = Impl::parseStat(text);
@@ -256,6 +260,11 @@ TEST(ProcUtilParse, LinesOfEachFormat) {
         {lock, "5: OFDLCK ADVISORY  WRITE -1 fe:00:10953114 0", "-"},
         {lock, "5: OFDLCK ADVISORY  WRITE -1 fe:00:109x3114 0 EOF", "-"},
         {lock, "OFDLCK ADVISORY  WRITE -1 fe:00:10953114 0 EOF", "-"},
+        {socket, "00000000f82d5f43: 00000002 00000000 00010000 0001 01 569 /run/k.sock",
+         "569 [/run/k.sock]"},
+        {socket, "Num       RefCount Protocol Flags    Type St Inode Path", "-"},
+        {socket, "00000000f82d5f43: 00000002 00000000 00010000 0001 01", "-"},
+        {socket, "00000000f82d5f43: 00000002 00000000 00010000 0001 01 569 ", "-"},
         {stat, "4242 (x) S 1", "-"},
         {stat, "4242 x)" + statTail, "-"},
         {stat, "4242 (x)" + statTail.substr(0, statTail.size() - 7), "-"},
