@@ -1,16 +1,10 @@
-#include <Kelvo/Kelvo.h>
-#include <gtest/gtest.h>
+#include "TestSupport.h"
 
-#include <thread>
-#include <vector>
-
+using namespace KelvoTest;
 using Kelvo::MemTrack;
 
 namespace {
 
-struct Plain {
-    char payload[40];
-};
 struct alignas(64) Wide {
     char payload[64];
 };
@@ -19,39 +13,26 @@ struct Shared {
     int value = 0;
 };
 
-TEST(Allocator, CountsSharedObjectsWithTheirCountBlock) {
-    const MemTrack& track = MemTrack::of<Plain>();
-    const uint64_t before = track.allocations();
+TEST(Allocator, CountsEachBlockAgainstItsTypeOrTag) {
+    const MemTrack& wide = MemTrack::of<Wide>();
+    const MemTrack& tag = MemTrack::of<VectorTag>();
+    const uint64_t before = wide.allocations();
     {
-        auto a = Kelvo::allocateShared<Plain>();
-        auto b = Kelvo::allocateShared<Plain>();
-        EXPECT_EQ(track.liveObjects(), 2u);
+        auto object = Kelvo::allocateShared<Wide>();
+        auto copy = object;
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(object.get()) % 64, 0u);
         // Object and shared count share one block.
-        EXPECT_GT(track.liveBytes(), 2 * sizeof(Plain));
-        EXPECT_LT(track.liveBytes(), 2 * (sizeof(Plain) + 64));
-        auto copy = a;
-        a.reset();
-        EXPECT_EQ(track.liveObjects(), 2u);
-    }
-    EXPECT_EQ(std::tuple(track.liveObjects(), track.liveBytes(), track.allocations()),
-              std::tuple(0u, 0u, before + 2));
-
-    auto wide = Kelvo::allocateShared<Wide>();
-    EXPECT_EQ(reinterpret_cast<uintptr_t>(wide.get()) % 64, 0u);
-    EXPECT_EQ(MemTrack::of<Wide>().liveObjects(), 1u);
-}
-
-TEST(Allocator, ContainersCountAgainstTheirTag) {
-    const MemTrack& track = MemTrack::of<VectorTag>();
-    {
+        EXPECT_EQ(wide.liveObjects(), 1u);
+        EXPECT_GT(wide.liveBytes(), sizeof(Wide));
+        EXPECT_LT(wide.liveBytes(), sizeof(Wide) + 128);
         std::vector<int, Kelvo::Allocator<int, VectorTag>> v;
         v.reserve(100);
         v.resize(1000);  // the reserved block is given back
-        EXPECT_EQ(std::pair(track.liveObjects(), track.liveBytes()),
+        EXPECT_EQ(std::pair(tag.liveObjects(), tag.liveBytes()),
                   std::pair(uint64_t{1}, v.capacity() * sizeof(int)));
     }
-    EXPECT_EQ(std::pair(track.liveObjects(), track.liveBytes()),
-              std::pair(uint64_t{0}, uint64_t{0}));
+    EXPECT_EQ(std::tuple(wide.liveObjects(), wide.liveBytes(), wide.allocations(), tag.liveBytes()),
+              std::tuple(0u, 0u, before + 1, 0u));
 }
 
 TEST(Allocator, ExactAcrossThreadsAndListedByName) {
@@ -74,9 +55,9 @@ TEST(Allocator, ExactAcrossThreadsAndListedByName) {
     for (auto& w : workers)
         w.join();
     const Kelvo::MemUsage u = MemTrack::usage(Kelvo::typeName(typeid(Shared)));
-    EXPECT_EQ(u.liveObjects, uint64_t(threads * kept));
-    EXPECT_EQ(u.allocations, uint64_t(threads * rounds) + 1);
-    EXPECT_EQ(u.liveBytes, threads * kept * blockBytes);
+    const uint64_t live = threads * kept, made = threads * rounds + 1;
+    EXPECT_EQ(std::tuple(u.liveObjects, u.allocations, u.liveBytes),
+              std::tuple(live, made, live * blockBytes));
 
     const auto all = MemTrack::usage();
     EXPECT_TRUE(std::is_sorted(all.begin(), all.end(),
@@ -87,29 +68,27 @@ TEST(Allocator, ExactAcrossThreadsAndListedByName) {
     EXPECT_EQ(MemTrack::usage("NoSuchType").allocations, 0u);
 }
 
-struct NoTimeout : Kelvo::Platform::TimeoutHandler {
-    void timeout() override {}
-};
-
-uint64_t liveOf(const char* typeNamePart) {
+// Live objects of every type whose name holds part.
+uint64_t liveOf(const char* part) {
     uint64_t live = 0;
     for (const auto& u : MemTrack::usage())
-        live += u.typeName.find(typeNamePart) != Kelvo::String::npos ? u.liveObjects : 0;
+        live += u.typeName.find(part) != Kelvo::String::npos ? u.liveObjects : 0;
     return live;
 }
 
 TEST(Allocator, LibraryControlsAreCounted) {
-    NoTimeout handler;
-    const uint64_t timers = liveOf("TimerControl"), wheels = liveOf("Kelvo::TimerWheel");
+    Probe handler;
+    const auto counts = [] {
+        return std::pair(liveOf("TimerControl"), liveOf("Kelvo::TimerWheel"));
+    };
+    const auto before = counts();
     {
         auto loopTimer = Kelvo::Platform::getTimerControl(&handler);
         auto wheel = Kelvo::getTimerWheelForTaskScheduler(Kelvo::Platform::eventPriorityDefault);
         // The wheel holds a loop timer of its own.
-        EXPECT_EQ(std::pair(liveOf("TimerControl"), liveOf("Kelvo::TimerWheel")),
-                  std::pair(timers + 2, wheels + 1));
+        EXPECT_EQ(counts(), std::pair(before.first + 2, before.second + 1));
     }
-    EXPECT_EQ(std::pair(liveOf("TimerControl"), liveOf("Kelvo::TimerWheel")),
-              std::pair(timers, wheels));
+    EXPECT_EQ(counts(), before);
 }
 
 }  // namespace

@@ -32,9 +32,8 @@ TEST(ConstStringCache, HandlesHashAndCompareByContents) {
     EXPECT_THAT((std::vector{a1 == a2, a1 == b1, a1 == ConstStringRef()}),
                 testing::ElementsAre(true, false, false));
     std::unordered_map<ConstStringRef, int> completed;
-    for (const ConstStringRef* key : {&a1, &a2, &b1}) {
+    for (const ConstStringRef* key : {&a1, &a2, &b1})
         ++completed[*key];
-    }
     EXPECT_EQ(completed.size(), 2u);
     EXPECT_EQ(completed[one.intern("alpha")], 2);
     EXPECT_EQ(a1.refCount(), 2u) << "the table holds one handle";

@@ -26,20 +26,18 @@ TEST_F(FileLock, LockFileIsSharedCloseOnExecAndReenteredOnlyByItsHolder) {
     const bool locked = first.lock(false);
     EXPECT_EQ(::umask(previous), 022) << "the caller's umask is restored";
     ASSERT_TRUE(locked);
-    struct stat info;
-    ASSERT_EQ(::stat(path("a/b/x.lock").c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 0777, 0666u);
-    for (int fd : openFds()) {
+    EXPECT_EQ(std::filesystem::status(path("a/b/x.lock")).permissions(),
+              std::filesystem::perms(0666));
+    for (int fd : openFds())
         EXPECT_TRUE(added.count(fd) || ::fcntl(fd, F_GETFD) & FD_CLOEXEC);
-    }
     CaptureStderr();
     const auto held = openFds();
     EXPECT_TRUE(first.lock(true)) << "re-entry";
     EXPECT_FALSE(first.lock(false)) << "a new description conflicts with our own lock";
     EXPECT_FALSE(second.lock(true));
     EXPECT_EQ(openFds(), held) << "a refused attempt closes its descriptor";
-    const std::string text = GetCapturedStderr();
-    EXPECT_THAT(text, HasSubstr("error: conflicting lock held on file:" + first.file()));
+    EXPECT_THAT(GetCapturedStderr(),
+                HasSubstr("error: conflicting lock held on file:" + first.file()));
     EXPECT_EQ(lockSeenBy(first.file()), F_WRLCK);
     first.release();
     EXPECT_EQ(lockSeenBy(first.file()), F_UNLCK) << "the file survives release";

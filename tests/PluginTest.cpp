@@ -28,25 +28,23 @@ TEST_F(Plugin, RegistryLoadsEachPluginOnceAndRefusesWrongOrTakenNames) {
             static Twice first, second;
             Platform::registerPlugin(&first);
             for (void (*misuse)() : {+[] { Platform::loadPlugin("KelvoTestMisnamed"); },
-                                     +[] { Platform::registerPlugin(&second); }}) {
+                                     +[] { Platform::registerPlugin(&second); }})
                 std::puts(thrownMessage(misuse).c_str());
-            }
             childCheck(Platform::loadPlugin("KelvoTestTwice") == &first);
             return 0;
         }).text();
+    // Each step traced once: a second load finds the plug-in loaded.
     for (const char* once : {"KelvoPlugin 0 Failed to load plugin libKelvoTestAbsent.so: "
                              "libKelvoTestAbsent.so: cannot open shared object file",
                              "KelvoPlugin 2 adding plugin KelvoTestGood",
                              "KelvoPlugin 2 Yay!  Plugin KelvoTestGood loaded",
-                             "KelvoPlugin 3 KelvoTestGood already loaded"}) {
+                             "KelvoPlugin 3 KelvoTestGood already loaded",
+                             "Phooey -- plugin KelvoTestMisnamed failed to register",
+                             "Plugin KelvoTestTwice already registered"}) {
         const size_t at = result.find(once);
-        EXPECT_TRUE(at != std::string::npos && result.find(once, at + 1) == std::string::npos)
-            << once << "\n"
-            << result;
+        EXPECT_TRUE(at != std::string::npos && at == result.rfind(once)) << once << "\n" << result;
     }
-    EXPECT_THAT(result,
-                AllOf(HasSubstr("Phooey -- plugin KelvoTestMisnamed failed to register"),
-                      HasSubstr("Plugin KelvoTestTwice already registered"), EndsWith("exit 0")));
+    EXPECT_THAT(result, EndsWith("exit 0"));
 }
 
 TEST_F(Plugin, CountersForwardToThePluginOrHandBackTheFallback) {
