@@ -13,16 +13,16 @@ using KelvoTest::loopUntil;
 using KelvoTest::thrownMessage;
 using P = TaskPriority;
 
-// Counts its runs per direction and reads as its test asks.
+// Counts its runs per direction and does in each what its test asks.
 struct Watcher : FileDescriptorTask {
-    std::function<void(Watcher&)> onRead = [](Watcher&) {};
+    std::function<void(Watcher&)> onRead = [](Watcher&) {}, onWrite = onRead;
     int reads = 0, writes = 0;
     Watcher(const std::shared_ptr<TaskScheduler>& scheduler, int fd)
         : FileDescriptorTask(scheduler, P::normal, "w") {
         taskWatchFdIs(fd);
     }
     void taskExecuteReadable() override { ++reads, onRead(*this); }
-    void taskExecuteWritable() override { ++writes; }
+    void taskExecuteWritable() override { ++writes, onWrite(*this); }
 };
 
 // A root and a socketpair (sv[0] watched, sv[1] the peer); no descriptor may
@@ -58,20 +58,26 @@ TEST_F(FdTask, WriteTaskCreatedOnFirstNeedCopiesTheReadTasksSettings) {
         w->taskStatsNameIs("renamed");
         w->taskWatchWritableIs(true);
         ASSERT_NE(w->writeTask(), nullptr);
+        EXPECT_EQ(w->writeTask()->taskName(), "w:write");
         EXPECT_EQ(w->writeTask()->taskStatsName(), "renamed:write");
         EXPECT_EQ(w->readTask()->taskStatsName(), "renamed:read");
         EXPECT_EQ(w->writeTask()->taskQuantum(), c.writeQuantum) << int(c.ratio);
         EXPECT_EQ(w->writeTask()->taskTestYieldRatio(), c.ratio);
         EXPECT_EQ(w->writeTask()->taskSuspended(), c.suspended);
     }
+    EXPECT_EQ(root->tasksPerPriority(P::normal), 0u);
 }
 
 TEST_F(FdTask, WritableOncePerArmingReadableUntilThePeerCloses) {
     auto w = watcher();
+    w->onWrite = [](Watcher& self) {
+        if (self.writes < 3)
+            self.taskWatchWritableIs(true);  // re-armed from inside the run
+    };
     w->taskWatchWritableIs(true);
-    ASSERT_TRUE(loopUntil([&] { return w->writes == 1; }));
+    ASSERT_TRUE(loopUntil([&] { return w->writes == 3; }));
     Platform::doEventLoop(0.05);  // the socket stays writable
-    EXPECT_EQ(w->writes, 1);
+    EXPECT_EQ(w->writes, 3);
     EXPECT_THAT(thrownMessage([&] { w->writeFdEvent(sv[0]); }),
                 EndsWith("writeFdEvent() called with taskWatchWritable off"));
 
@@ -93,7 +99,7 @@ TEST_F(FdTask, WritableOncePerArmingReadableUntilThePeerCloses) {
     EXPECT_EQ(w->taskWatchFd(), -1);
     EXPECT_EQ(w->taskWorkCountReadableTotal(), 1000u);
     EXPECT_EQ(w->taskWorkCountWritableTotal(), 0u);
-    EXPECT_EQ(w->taskRunCount(), unsigned(reads + 1));
+    EXPECT_EQ(w->taskRunCount(), unsigned(reads + 3));
 }
 
 TEST_F(FdTask, MisuseFailsWithItsText) {
