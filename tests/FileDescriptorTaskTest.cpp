@@ -72,7 +72,7 @@ TEST_F(FdTask, WritableOncePerArmingReadableUntilThePeerCloses) {
     auto w = watcher();
     w->onWrite = [](Watcher& self) {
         if (self.writes < 3)
-            self.taskWatchWritableIs(true);
+            self.taskWatchWritableIs(true);  // re-armed from inside the run
     };
     w->taskWatchWritableIs(true);
     ASSERT_TRUE(loopUntil([&] { return w->writes == 3; }));
@@ -91,8 +91,7 @@ TEST_F(FdTask, WritableOncePerArmingReadableUntilThePeerCloses) {
             ++ends, self.taskWatchFdDel();
     };
     ASSERT_EQ(::write(sv[1], std::string(1000, 'x').data(), 1000), 1000);
-    ::close(sv[1]);
-    sv[1] = -1;
+    ::close(std::exchange(sv[1], -1));
     ASSERT_TRUE(loopUntil([&] { return ends == 1; }));
     const int reads = w->reads;
     Platform::doEventLoop(0.05);

@@ -10,33 +10,25 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+// What the helpers below use, and <random> for the suites' own generators;
+// <Kelvo/Kelvo.h> already brings the containers, <chrono> and <thread>.
 #include <algorithm>
-#include <array>
-#include <chrono>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <exception>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <limits>
-#include <map>
 #include <memory>
-#include <optional>
 #include <random>
 #include <set>
 #include <sstream>
 #include <stdexcept>
 #include <string>
-#include <thread>
-#include <tuple>
-#include <unordered_map>
 #include <vector>
 
 namespace KelvoTest {
@@ -195,8 +187,7 @@ class OsTest : public ::testing::Test {
     void SetUp() override {
         // The unwinder behind every exception may open descriptors on first
         // use and keep them: use it before the first snapshot.
-        static const bool unwinderReady = Kelvo::Backtrace(true).count() > 0;
-        (void)unwinderReady;
+        [[maybe_unused]] static const bool unwinderReady = Kelvo::Backtrace(true).count() > 0;
         fdsBefore_ = openFds();
     }
     void TearDown() override { EXPECT_EQ(openFds(), fdsBefore_) << "descriptors leaked"; }
@@ -284,9 +275,8 @@ class HeldChild {
             ::close(ready[0]);
             ::close(hold[1]);
             // Another child's hold pipe kept open here would outlive its release.
-            for (int fd : holdFds()) {
+            for (int fd : holdFds())
                 ::close(fd);
-            }
             std::string line;
             try {
                 line = setup();
@@ -295,21 +285,18 @@ class HeldChild {
             }
             line += '\n';
             (void)!::write(ready[1], line.data(), line.size());
-            char byte;
-            while (::read(hold[0], &byte, 1) != 0) {
-            }
+            for (char byte; ::read(hold[0], &byte, 1) != 0;)
+                continue;
             ::_exit(0);
         }
         ::close(ready[1]);
         ::close(hold[0]);
-        holdFd_ = hold[1];
-        holdFds().insert(holdFd_);
+        holdFds().insert(holdFd_ = hold[1]);
         // The child's line, or what arrived of it within 30 s.
         struct pollfd wait = {ready[0], POLLIN, 0};
-        char byte;
-        while (::poll(&wait, 1, 30000) == 1 && ::read(ready[0], &byte, 1) == 1 && byte != '\n') {
+        for (char byte;
+             ::poll(&wait, 1, 30000) == 1 && ::read(ready[0], &byte, 1) == 1 && byte != '\n';)
             report_ += byte;
-        }
         ::close(ready[0]);
     }
     ~HeldChild() { release(); }
@@ -322,13 +309,10 @@ class HeldChild {
     void release() {
         if (holdFd_ >= 0) {
             holdFds().erase(holdFd_);
-            ::close(holdFd_);
-            holdFd_ = -1;
+            ::close(std::exchange(holdFd_, -1));
         }
-        if (pid_ > 0) {
-            ::waitpid(pid_, nullptr, 0);
-        }
-        pid_ = -1;
+        if (pid_ > 0)
+            ::waitpid(std::exchange(pid_, -1), nullptr, 0);
     }
 
   private:

@@ -36,7 +36,7 @@ struct Worker : Task {
     }
 };
 
-class RootReport : public ::testing::Test {
+class RootReport : public OsTest {
   protected:
     TaskTimePoint now = TaskTimePoint(1s);
     std::shared_ptr<TaskSchedulerRoot> root = schedulerRootKelvoNonShared("text");
@@ -47,6 +47,7 @@ class RootReport : public ::testing::Test {
     // (a 200% violation), two tasks "gone" complete after 1 ms each and three
     // complete without a run. On sub: subtask, 10 ms. The slip is the 3 ms.
     void SetUp() override {
+        OsTest::SetUp();
         root->steadyClockIsForTest([this] { return now; });
         heavy = worker(root, P::normal, "heavy", 50ms);
         heavy->work = 7;
@@ -142,15 +143,11 @@ TEST_F(RootReport, AddressesHistoryAndEveryOutput) {
 
     // The descriptor form writes the same text and leaves the descriptor open.
     const std::string everything = root->statsRenderTextForDebugToString(true, true, true, true);
-    const std::set<int> fdsBefore = openFds();
-    char path[] = "/tmp/kelvo-text-XXXXXX";
-    const int fd = ::mkstemp(path);
+    const int fd = ::open(path("report").c_str(), O_WRONLY | O_CREAT, 0600);
     ASSERT_GE(fd, 0);
     root->statsRenderTextForDebug(fd, true, true, true, true);
     EXPECT_EQ(::close(fd), 0);
-    EXPECT_EQ(readFile(path), everything);
-    ::unlink(path);
-    EXPECT_EQ(openFds(), fdsBefore);
+    EXPECT_EQ(readFile(path("report")), everything);
 
     CaptureStderr();
     root->statsRenderTextForDebugStdErr();

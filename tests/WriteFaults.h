@@ -11,9 +11,9 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <algorithm>
 #include <cstdint>
 
 namespace KelvoTest {
@@ -21,11 +21,10 @@ namespace KelvoTest {
 class WriteFaults {
   public:
     // Percentages of the writes to fd that fail with EAGAIN, with EINTR, or
-    // write a prefix of at most maxShort bytes; failWith, when not 0, fails
-    // every write with that errno instead.
+    // write a prefix of at most 512 bytes; failWith, when not 0, fails every
+    // write with that errno instead.
     struct Rates {
         unsigned eagain = 0, eintr = 0, shortWrite = 0;
-        size_t maxShort = 512;
         int failWith = 0;
     };
 
@@ -35,36 +34,21 @@ class WriteFaults {
         fd_.store(fd, std::memory_order_release);
     }
     void disarm() { fd_.store(-1, std::memory_order_release); }
-
     // Faults injected since the program started.
-    struct Counts {
-        uint64_t eagain = 0, eintr = 0, shortWrite = 0;
-        uint64_t total() const { return eagain + eintr + shortWrite; }
-    };
-    Counts counts() const { return counts_; }
+    uint64_t injected() const { return injected_; }
 
     ssize_t write(int fd, const void* data, size_t size) {
-        if (fd < 0 || fd != fd_.load(std::memory_order_acquire) || size == 0) {
+        if (fd < 0 || fd != fd_.load(std::memory_order_acquire) || size == 0)
             return ::syscall(SYS_write, fd, data, size);
-        }
-        if (rates_.failWith) {
-            errno = rates_.failWith;
+        const unsigned roll = next() % 100, failing = rates_.eagain + rates_.eintr;
+        if (rates_.failWith || roll < failing) {
+            ++injected_;
+            errno = rates_.failWith ? rates_.failWith : roll < rates_.eagain ? EAGAIN : EINTR;
             return -1;
         }
-        unsigned roll = next() % 100;
-        if (roll < rates_.eagain) {
-            ++counts_.eagain;
-            errno = EAGAIN;
-            return -1;
-        }
-        if ((roll -= rates_.eagain) < rates_.eintr) {
-            ++counts_.eintr;
-            errno = EINTR;
-            return -1;
-        }
-        if ((roll -= rates_.eintr) < rates_.shortWrite && size > 1) {
-            ++counts_.shortWrite;
-            size = 1 + next() % std::min(size - 1, rates_.maxShort);
+        if (roll < failing + rates_.shortWrite && size > 1) {
+            ++injected_;
+            size = 1 + next() % std::min<size_t>(size - 1, 512);
         }
         return ::syscall(SYS_write, fd, data, size);
     }
@@ -82,7 +66,7 @@ class WriteFaults {
     std::atomic<int> fd_{-1};
     Rates rates_;
     uint64_t state_ = 1;
-    Counts counts_;
+    uint64_t injected_ = 0;
 };
 
 constinit inline WriteFaults writeFaults;
