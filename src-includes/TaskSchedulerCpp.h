@@ -42,6 +42,7 @@
 #include <thread>
 #include <utility>
 
+#include <pthread.h>
 #include <sys/types.h>
 #include <time.h>
 
@@ -525,7 +526,12 @@ class KELVO_EXPORT TaskSchedulerRoot : public TaskScheduler, private Platform::C
     uint8_t taskTestYieldRatio() const noexcept { return testYieldRatio_; }
     // 0 to 100, from rand_r on the root's seed.
     unsigned randomPercent();
-    void sanityCheckCurrentRunningThread() const;
+    void sanityCheckCurrentRunningThread() const {
+        // The owner test inline: it is the common case, on every schedule.
+        if (__builtin_expect(static_cast<unsigned long>(pthread_self()) != ownerThread_, 0)) {
+            sanityCheckOtherThread();
+        }
+    }
     bool isMainThread() const noexcept { return isMainThread_; }
     double virtualRunStart() const noexcept { return virtualRunStart_; }
     void virtualRunStartIs(double start) noexcept { virtualRunStart_ = start; }
@@ -591,6 +597,10 @@ class KELVO_EXPORT TaskSchedulerRoot : public TaskScheduler, private Platform::C
     TaskSchedulerQueueStats queueStatsRoot() const;
 
   private:
+    // Passes on a thread other than the owner only when thread sanity is
+    // disabled, auxiliary threads are registered, or in a forked child.
+    void sanityCheckOtherThread() const;
+
     std::set<TaskScheduler*> schedulers_;
     std::shared_ptr<Platform::CallbackControl> callbackControl_;
     std::shared_ptr<TimerWheel> timerWheel_;
@@ -610,6 +620,18 @@ class KELVO_EXPORT TaskSchedulerRoot : public TaskScheduler, private Platform::C
 
 inline TaskTimePoint TaskScheduler::steadyNow() const {
     return root_->steadyNow();
+}
+
+inline void TaskScheduler::sanityCheckCurrentRunningThread() const {
+    root_->sanityCheckCurrentRunningThread();
+}
+
+inline void TaskScheduler::runQueueAppend(TaskImpl& task, const TaskTimePoint& now) {
+    // Registration has checked the priority, and it never changes.
+    TaskRunQueue& queue = runQueues_[task.taskPriority().value()];
+    task.enqueueTime_ = now;
+    queue.persistent.pushBack(task);
+    ++queue.enqueued;
 }
 
 // A task group: tasks that behave towards the enclosing scheduler as one task,

@@ -120,13 +120,6 @@ void TaskScheduler::taskUnregister(TaskImpl* task) {
 // ---------------------------------------------------------------------------
 // Run queues
 
-void TaskScheduler::runQueueAppend(TaskImpl& task, const TaskTimePoint& now) {
-    TaskRunQueue& queue = queueOf(task.taskPriority());
-    task.enqueueTime_ = now;
-    queue.persistent.pushBack(task);
-    ++queue.enqueued;
-}
-
 void TaskScheduler::runQueueUnlink(TaskImpl& task, const TaskTimePoint& now) {
     KELVO_SCHED_ASSERTM(task.taskScheduled(), "Task: {} not on run queue", task);
     TaskRunQueue& queue = queueOf(task.taskPriority());
@@ -410,10 +403,6 @@ void TaskScheduler::taskForceYieldInTestNotify(TaskImpl* task, bool on) {
     if (changed) {
         handleTaskForceYieldInTest();
     }
-}
-
-void TaskScheduler::sanityCheckCurrentRunningThread() const {
-    root_->sanityCheckCurrentRunningThread();
 }
 
 // ---------------------------------------------------------------------------

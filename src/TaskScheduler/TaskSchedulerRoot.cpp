@@ -157,10 +157,9 @@ unsigned TaskSchedulerRoot::randomPercent() {
     return static_cast<unsigned>(rand_r(&seed_) / 21474836);
 }
 
-void TaskSchedulerRoot::sanityCheckCurrentRunningThread() const {
-    // The owner test first: it is the common case and costs no system call.
+void TaskSchedulerRoot::sanityCheckOtherThread() const {
     const unsigned long self = static_cast<unsigned long>(pthread_self());
-    if (self == ownerThread_ || threadSanityDisabled_ || auxiliaryThreadsRegistered()) {
+    if (threadSanityDisabled_ || auxiliaryThreadsRegistered()) {
         return;
     }
     // A forked child runs on a copy of the owner thread's state: it passes.
