@@ -30,13 +30,13 @@ class TaskSchedulerRoot;
 //   kelvo_task_latency_high_water_seconds{<task labels>} gauge
 //   kelvo_task_quantum_violations{<task labels>,over} counter; over "2x" counts
 //       runs of at least twice the quantum but under five times, "5x" the rest
-//   kelvo_task_completed{<task labels>}              gauge, finished tasks folded
-//       into a completed record (completed records only)
-// <task labels> are scheduler, task (the statistics name, as the other
-// reports show it), priority, record ("live" or "completed") and index.
+//   kelvo_task_completed{<task labels>}              counter, finished tasks
+//       folded into a completed record (completed records only)
+// <task labels> are scheduler, task (the record's name, as the JSON
+// report shows it), priority, record ("live" or "completed") and index.
 // Names are not unique, so index numbers the records that share scheduler,
-// task and record, in report order from 0: every label set stays distinct
-// and a series keeps its index as long as the tasks before it live. The
+// task and record, in report order from 0, which keeps every label set
+// distinct (twins are not merged: their figures stay apart). The
 // scheduler label is the scheduler's name; a second scheduler of the same
 // name under the root is labelled "<name>#2", a third "<name>#3", and so on.
 // includeNoRuns keeps tasks that never ran; includeCompleted adds the merged

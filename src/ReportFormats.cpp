@@ -134,7 +134,7 @@ void statsRenderOpenMetrics(TaskSchedulerRoot& root, std::ostream& out, bool inc
 
     MetricsWriter w(out);
     w.family("kelvo_scheduler_tasks", "gauge", nullptr,
-             "Registered tasks by priority: runnable, idle, or completed since the last clear.");
+             "Tasks by priority and state: runnable, idle, or completed.");
     for (const Scheduler& s : schedulers) {
         for (unsigned p = 0; p < TaskPriority::oneBeyondLast; ++p) {
             const TaskPriority priority(p);
