@@ -2,8 +2,6 @@
 
 #include <rapidjson/document.h>
 
-#include <regex>
-
 #include "TestSupport.h"
 #include "TimelineHtml.h"
 
@@ -145,10 +143,10 @@ TEST_F(Formats, PromtoolAcceptsTheMetrics) {
     ASSERT_TRUE(status == 0 || status == 3) << out;
     std::istringstream lines(out);
     for (std::string line; std::getline(lines, line);) {
-        std::smatch m;
-        ASSERT_TRUE(std::regex_match(line, m, std::regex("(kelvo_[a-z_]+)_total no help text")))
-            << line;
-        EXPECT_THAT(text, HasSubstr("# TYPE " + m[1].str() + " counter\n")) << line;
+        const std::string finding = "_total no help text";
+        ASSERT_THAT(line, AllOf(StartsWith("kelvo_"), EndsWith(finding)));
+        const std::string family = line.substr(0, line.size() - finding.size());
+        EXPECT_THAT(text, HasSubstr("# TYPE " + family + " counter\n")) << line;
     }
 }
 
