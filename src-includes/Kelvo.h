@@ -24,6 +24,7 @@
 #include "PluginCpp.h"
 #include "ProcUtilCpp.h"
 #include "RandomCpp.h"
+#include "ReportFormatsCpp.h"
 #include "Task.h"
 #include "TaskControlCpp.h"
 #include "TaskSchedulerCpp.h"
