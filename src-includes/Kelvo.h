@@ -25,6 +25,7 @@
 #include "ProcUtilCpp.h"
 #include "RandomCpp.h"
 #include "ReportFormatsCpp.h"
+#include "ReportServerCpp.h"
 #include "Task.h"
 #include "TaskControlCpp.h"
 #include "TaskSchedulerCpp.h"
