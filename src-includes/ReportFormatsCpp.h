@@ -4,9 +4,8 @@
 // reports (queue statistics, task statistics, the history ring) and render
 // synchronously into the given stream.
 //
-// Thread: the root scheduler's thread only (both read live scheduler state;
-// statsRenderOpenMetrics checks the thread). Ownership: nothing is kept; the
-// caller owns the stream.
+// Thread: the root scheduler's thread only (both read live scheduler state and
+// check the thread). Ownership: nothing is kept; the caller owns the stream.
 #pragma once
 
 #include <ostream>
@@ -56,9 +55,13 @@ KELVO_EXPORT void statsRenderOpenMetrics(TaskSchedulerRoot& root, std::ostream& 
 // other event is an instant ("ph":"i","s":"t") named by its display text on
 // its name's track. Runs cut by the ring's window:
 //  - a run end with no start in the window becomes an instant "run end";
-//  - a run start with no end (the task is running, or the window ends) is a
-//    complete event reaching the newest event's time, with "args":{"open":true}.
-// Events are written oldest first.
+//  - a run start with no end (the task is running: the ring holds the newest
+//    events) is a complete event reaching the root's steady now, with
+//    "args":{"open":true};
+//  - a second run start of a name before its end closes the first run there,
+//    also marked open.
+// Events are written oldest first, after the process_name and thread_name
+// metadata. Fails on another thread than the root's.
 KELVO_EXPORT void historyRenderTraceEvents(const TaskSchedulerRoot& root, std::ostream& out);
 
 }  // namespace Kelvo
