@@ -251,10 +251,11 @@ class Screen {
     ~Screen() {
         if (!interactive_)
             return;
+        // Modes first: once the screen is back, what the user types echoes.
+        if (keys_)
+            ::tcsetattr(STDIN_FILENO, TCSADRAIN, &saved_);
         static constexpr char restore[] = "\x1b[?25h\x1b[?1049l";
         [[maybe_unused]] const ssize_t n = ::write(STDOUT_FILENO, restore, sizeof restore - 1);
-        if (keys_)
-            ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &saved_);
     }
     Screen(const Screen&) = delete;
     Screen& operator=(const Screen&) = delete;
