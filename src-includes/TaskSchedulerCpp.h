@@ -871,7 +871,7 @@ KELVO_EXPORT void statsRenderTextTasks(std::ostream& out, std::vector<TaskStat>&
 // (resuming at the exact offset after EAGAIN or EINTR, yielding when its
 // quantum is used) and then schedules the render task again. So at most two
 // rendered pieces are held: the one being written and the next one.
-// A reader that goes away (EPIPE, EBADF) cuts the report short; the rest is
+// A reader that goes away (EPIPE, ECONNRESET, EBADF) cuts the report short; the rest is
 // rendered and dropped, and the writer ends as usual: it closes the
 // descriptor, calls done, then removes itself from its scheduler's set, which
 // owns it until then.
@@ -913,12 +913,20 @@ class KELVO_EXPORT TaskScheduler::SnapshotRenderJsonTask : public Task {
     std::function<void(SnapshotRenderJsonTask*)> cleanup_;
 };
 
-// Writes the pieces of its render task to the descriptor; never watches
-// readability. Thread: the scheduler's only. Owned by its render task.
+// Writes the pieces of its render task to the descriptor, or one buffer of
+// its own user's (writeBufferIs, renderTask null); never watches readability.
+// A socket is written with send(MSG_NOSIGNAL), so a reader that has gone
+// raises no SIGPIPE; other descriptors with write(). Thread: the scheduler's
+// only. Owned by its render task or its user.
 class KELVO_EXPORT TaskScheduler::SnapshotWriteJsonTask : public FileDescriptorTask {
   public:
     SnapshotWriteJsonTask(std::shared_ptr<TaskScheduler> scheduler, int fd,
-                          SnapshotRenderJsonTask* renderTask);
+                          SnapshotRenderJsonTask* renderTask,
+                          TaskPriority priority = TaskPriority::normal);
+
+    // Starts writing buffer (not empty), then calls complete once it is
+    // written or the reader has gone. The previous write must be complete.
+    void writeBufferIs(String buffer, std::function<void()> complete);
 
     void taskExecuteReadable() override;
     // Writes until the buffer is written, the descriptor is full (writable
@@ -935,6 +943,7 @@ class KELVO_EXPORT TaskScheduler::SnapshotWriteJsonTask : public FileDescriptorT
     friend class SnapshotRenderJsonTask;
 
     SnapshotRenderJsonTask* renderTask_;
+    bool socket_;
     String buffer_;
     uint32_t offset_ = 0;
     std::function<void()> writeComplete_;

@@ -6,6 +6,10 @@
 #include <Kelvo/Kelvo.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <rapidjson/document.h>
+#include <rapidjson/error/en.h>
+#include <rapidjson/schema.h>
+#include <rapidjson/stringbuffer.h>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -350,6 +354,30 @@ inline bool loopUntil(const std::function<bool()>& done, double limit = 10.0) {
     for (double spent = 0; !done() && spent < limit; spent += 0.01)
         Kelvo::Platform::doEventLoop(0.01);
     return done();
+}
+
+// Empty when json is a report that docs/report.schema.json accepts, else why
+// not.
+inline std::string reportSchemaErrors(const std::string& json) {
+    static const rapidjson::SchemaDocument schema = [] {
+        rapidjson::Document document;
+        document.Parse(
+            readFile(std::filesystem::path(__FILE__).parent_path() / "../docs/report.schema.json")
+                .c_str());
+        EXPECT_FALSE(document.HasParseError());
+        return rapidjson::SchemaDocument(document);
+    }();
+    rapidjson::Document document;
+    document.Parse(json.c_str());
+    if (document.HasParseError())
+        return rapidjson::GetParseError_En(document.GetParseError());
+    rapidjson::SchemaValidator validator(schema);
+    if (document.Accept(validator))
+        return "";
+    rapidjson::StringBuffer where;
+    validator.GetInvalidDocumentPointer().StringifyUriFragment(where);
+    return std::string("schema: ") + validator.GetInvalidSchemaKeyword() + " at " +
+           where.GetString();
 }
 
 }  // namespace KelvoTest

@@ -12,6 +12,8 @@
 #include <Kelvo/TaskSchedulerCpp.h>
 
 #include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -128,10 +130,14 @@ void TaskScheduler::SnapshotRenderJsonTask::writeComplete() {
 // Writing
 
 TaskScheduler::SnapshotWriteJsonTask::SnapshotWriteJsonTask(
-    std::shared_ptr<TaskScheduler> scheduler, int fd, SnapshotRenderJsonTask* renderTask)
-    : FileDescriptorTask(std::move(scheduler), TaskPriority::normal,
-                         makeJsonTaskName(fd, writeSuffix)),
-      renderTask_(renderTask) {
+    std::shared_ptr<TaskScheduler> scheduler, int fd, SnapshotRenderJsonTask* renderTask,
+    TaskPriority priority)
+    : FileDescriptorTask(std::move(scheduler), priority, makeJsonTaskName(fd, writeSuffix)),
+      renderTask_(renderTask),
+      socket_([fd] {
+          struct stat st;
+          return ::fstat(fd, &st) == 0 && S_ISSOCK(st.st_mode);
+      }()) {
     taskStatsNameIs(fmt::format("{}{}", renderJsonStatsName, writeSuffix));
     taskWatchReadableIs(false);
     taskWatchFdIs(fd);
@@ -139,6 +145,16 @@ TaskScheduler::SnapshotWriteJsonTask::SnapshotWriteJsonTask(
 
 void TaskScheduler::SnapshotWriteJsonTask::taskExecuteReadable() {
     KELVO_SCHED_ASSERTM(false, "We never register for readable events");
+}
+
+void TaskScheduler::SnapshotWriteJsonTask::writeBufferIs(String buffer,
+                                                         std::function<void()> complete) {
+    KELVO_SCHED_ASSERTM(!buffer.empty(), "Nothing to write");
+    assertWriteComplete();
+    buffer_ = std::move(buffer);
+    offset_ = 0;
+    writeComplete_ = std::move(complete);
+    taskWatchWritableIs(true);
 }
 
 void TaskScheduler::SnapshotWriteJsonTask::assertWriteComplete() const {
@@ -153,7 +169,9 @@ void TaskScheduler::SnapshotWriteJsonTask::taskExecuteWritable() {
     do {
         KELVO_SCHED_ASSERTM(offset_ < size, "invalid offset {} size {}", offset_, size);
         const uint32_t remaining = static_cast<uint32_t>(size - offset_);
-        const ssize_t written = ::write(fd, buffer_.data() + offset_, remaining);
+        const ssize_t written = socket_
+                                    ? ::send(fd, buffer_.data() + offset_, remaining, MSG_NOSIGNAL)
+                                    : ::write(fd, buffer_.data() + offset_, remaining);
         if (written < 0) {
             const int error = errno;
             if (error == EAGAIN || error == EINTR) {
@@ -167,8 +185,8 @@ void TaskScheduler::SnapshotWriteJsonTask::taskExecuteWritable() {
                 }
                 return;
             }
-            KELVO_SCHED_ASSERTM(error == EBADF || error == EPIPE, "Write to fd {} failed {}({})",
-                                fd, std::strerror(error), error);
+            KELVO_SCHED_ASSERTM(error == EBADF || error == EPIPE || error == ECONNRESET,
+                                "Write to fd {} failed {}({})", fd, std::strerror(error), error);
             // The reader went away: the rest of this piece is dropped.
             KELVO_TRACEM(trace, 2, "Writing to fd {} at offset {} of {} failed {}", fd, offset_,
                          size, std::strerror(error));
