@@ -316,7 +316,7 @@ class FakeServer {
         listener_ = Kelvo::Util::socket(h, AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_un address{};
         const int length = Kelvo::Util::createSockaddr(
-            h, &address, Kelvo::reportServerSocketPrefix + name + "." + std::to_string(::getpid()));
+            h, &address, Kelvo::reportServerSocketName(name, ::getpid()));
         if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
             ::listen(listener_, 4) != 0)
             throw std::runtime_error("fake server: " + std::string(std::strerror(errno)));
@@ -418,7 +418,8 @@ TEST_F(KelvoTool, TopOnATerminalQuitsAndRestoresTheScreen) {
     Daemon daemon(name);
     for (const std::string quit : {"q", "C-c"}) {
         SCOPED_TRACE(quit);
-        const std::string socket = uniqueName("kelvo-tool-test");
+        // A server of its own per case: the last one may still be exiting.
+        const std::string socket = uniqueName(quit == "q" ? "kelvo-top-q" : "kelvo-top-c");
         tmux(socket, "new-session -d -x 120 -y 40 sh");
         struct Session {
             std::string socket;

@@ -147,9 +147,9 @@ std::vector<String> frame(const Server& server, const Sample& current,
     const double interval =
         previous ? std::chrono::duration<double>(current.when - previous->when).count() : 0;
     std::vector<String> lines;
-    const time_t now = std::time(nullptr);
+    const time_t wallClock = std::time(nullptr);
     tm parts{};
-    ::localtime_r(&now, &parts);
+    ::localtime_r(&wallClock, &parts);
     char clock[16];
     std::strftime(clock, sizeof clock, "%H:%M:%S", &parts);
     lines.push_back(fmt::format(
@@ -198,8 +198,9 @@ std::vector<String> frame(const Server& server, const Sample& current,
         return a.runTime != b.runTime ? a.runTime > b.runTime : a.runs > b.runs;
     });
 
-    // The name takes what the fixed columns leave, between 12 and 40.
-    constexpr size_t fixedWidth = 12 + 9 + 9 + 10 + 7 + 9 + 10 + 5 + 8;
+    // The name takes what the columns after it (71 characters with their
+    // blanks) leave, between 12 and 40.
+    constexpr size_t fixedWidth = 71;
     const size_t nameWidth =
         std::clamp<size_t>(columns > fixedWidth ? columns - fixedWidth : 0, 12, 40);
     lines.push_back(fmt::format("{:<{}} {:<11} {:<8} {:>8} {:>9} {:>6} {:>8} {:>9} {:>4}", "TASK",
@@ -337,9 +338,12 @@ int runTop(const std::vector<String>& args) {
         }
         if (arg == "-d")
             delay = positiveNumber(args, i);
-        else if (arg == "-n")
-            frames = std::lround(positiveNumber(args, i));
-        else if (arg.starts_with("-"))
+        else if (arg == "-n") {
+            const double count = positiveNumber(args, i);
+            if (count != std::floor(count))
+                throw UsageError("top: -n needs a whole number, not '" + args[i] + "'");
+            frames = long(count);
+        } else if (arg.starts_with("-"))
             throw UsageError("top: unknown option '" + arg + "'");
         else if (target.empty())
             target = arg;
