@@ -57,7 +57,7 @@ TEST(HashMix, MixAgreesWithReferenceModelAndFixedLengthFormsWithMix) {
     checkAgainstReference<uint32_t, 1, 2, 4, 8>(rng, bytes);
     checkAgainstReference<uint64_t, 1, 2, 4, 8>(rng, bytes);
     // The hashes start at the offset basis; zero bytes still mix.
-    for (const std::string input :
+    for (const std::string& input :
          {std::string(), std::string("abcdefghi"), std::string(3, '\0')}) {
         const auto* p = reinterpret_cast<const unsigned char*>(input.data());
         const auto n = static_cast<unsigned>(input.size());
