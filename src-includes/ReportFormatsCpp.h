@@ -45,6 +45,13 @@ class TaskSchedulerRoot;
 KELVO_EXPORT void statsRenderOpenMetrics(TaskSchedulerRoot& root, std::ostream& out,
                                          bool includeNoRuns, bool includeCompleted);
 
+// The same families and samples in the classic Prometheus text format
+// (version 0.0.4), which the node exporter's textfile collector and
+// `promtool check metrics` read: a counter family is named after its
+// "_total" samples, there are no "# UNIT" lines and no "# EOF".
+KELVO_EXPORT void statsRenderPrometheusText(TaskSchedulerRoot& root, std::ostream& out,
+                                            bool includeNoRuns, bool includeCompleted);
+
 // The root's history ring as one trace-event JSON object:
 //   {"traceEvents":[...],"displayTimeUnit":"ms"}
 // Times ("ts", "dur") are microseconds on the steady clock, "pid" is the

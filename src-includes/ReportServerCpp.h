@@ -9,7 +9,8 @@
 // "\n": a command ("json", "text", "history", "metrics", "timeline"), then
 // flags separated by single blanks ("noruns" keeps tasks that never ran,
 // "completed" adds finished tasks; json, text and metrics use them, the other
-// commands accept and ignore them). The answer is the report's bytes, then a
+// commands accept and ignore them; "prometheus" asks metrics for the classic
+// Prometheus text format instead of OpenMetrics). The answer is the report's bytes, then a
 // close. A failure is one line and a close: "error: unknown request\n",
 // "error: request too long\n", "error: request timed out\n" (no complete line
 // within 5 seconds of the accept), "error: busy\n" (64 connections are open

@@ -81,15 +81,18 @@ void flatten(const TaskSchedulerSnapshot& snapshot, std::map<String, unsigned>& 
 
 class MetricsWriter {
   public:
-    explicit MetricsWriter(std::ostream& out) : out_(out) {}
+    MetricsWriter(std::ostream& out, bool classic) : out_(out), classic_(classic) {}
 
     // The family's descriptors; unit, when given, is the name's last word.
+    // The classic text format names a counter family after its samples and
+    // has no unit descriptor.
     void family(const char* name, const char* type, const char* unit, const char* help) {
-        out_ << "# TYPE " << name << ' ' << type << '\n';
-        if (unit) {
+        const char* suffix = classic_ && type[0] == 'c' ? "_total" : "";
+        out_ << "# TYPE " << name << suffix << ' ' << type << '\n';
+        if (unit && !classic_) {
             out_ << "# UNIT " << name << ' ' << unit << '\n';
         }
-        out_ << "# HELP " << name << ' ' << help << '\n';
+        out_ << "# HELP " << name << suffix << ' ' << help << '\n';
     }
     // suffix is "_total" for a counter's sample, else empty.
     template <typename V>
@@ -99,12 +102,11 @@ class MetricsWriter {
 
   private:
     std::ostream& out_;
+    const bool classic_;
 };
 
-}  // namespace
-
-void statsRenderOpenMetrics(TaskSchedulerRoot& root, std::ostream& out, bool includeNoRuns,
-                            bool includeCompleted) {
+void renderMetrics(TaskSchedulerRoot& root, std::ostream& out, bool includeNoRuns,
+                   bool includeCompleted, bool classic) {
     // The same figures as the JSON report, taken in one pass on this thread.
     const auto snapshot = root.snapshot(String(), includeNoRuns, includeCompleted, false, 0);
     std::vector<Scheduler> schedulers;
@@ -132,7 +134,7 @@ void statsRenderOpenMetrics(TaskSchedulerRoot& root, std::ostream& out, bool inc
         }
     }
 
-    MetricsWriter w(out);
+    MetricsWriter w(out, classic);
     w.family("kelvo_scheduler_tasks", "gauge", nullptr,
              "Tasks by priority and state: runnable, idle, or completed.");
     for (const Scheduler& s : schedulers) {
@@ -222,8 +224,22 @@ void statsRenderOpenMetrics(TaskSchedulerRoot& root, std::ostream& out, bool inc
             }
         }
     }
-    out << "# EOF\n";
+    if (!classic) {
+        out << "# EOF\n";
+    }
     out.flush();
+}
+
+}  // namespace
+
+void statsRenderOpenMetrics(TaskSchedulerRoot& root, std::ostream& out, bool includeNoRuns,
+                            bool includeCompleted) {
+    renderMetrics(root, out, includeNoRuns, includeCompleted, false);
+}
+
+void statsRenderPrometheusText(TaskSchedulerRoot& root, std::ostream& out, bool includeNoRuns,
+                               bool includeCompleted) {
+    renderMetrics(root, out, includeNoRuns, includeCompleted, true);
 }
 
 // ---------------------------------------------------------------------------

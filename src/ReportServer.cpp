@@ -394,7 +394,7 @@ void Connection::timeout() {
 
 void Connection::request(const String& line) {
     String command;
-    bool includeNoRuns = false, includeCompleted = false;
+    bool includeNoRuns = false, includeCompleted = false, classicMetrics = false;
     // Single blanks only: an empty word is a malformed request.
     size_t start = 0;
     bool bad = false;
@@ -409,6 +409,8 @@ void Connection::request(const String& line) {
             includeNoRuns = true;
         } else if (word == "completed") {
             includeCompleted = true;
+        } else if (word == "prometheus") {
+            classicMetrics = true;
         } else {
             bad = true;
         }
@@ -429,7 +431,11 @@ void Connection::request(const String& line) {
     } else if (command == "history") {
         root.historyRenderTextForDebug(out);
     } else if (command == "metrics") {
-        statsRenderOpenMetrics(root, out, includeNoRuns, includeCompleted);
+        if (classicMetrics) {
+            statsRenderPrometheusText(root, out, includeNoRuns, includeCompleted);
+        } else {
+            statsRenderOpenMetrics(root, out, includeNoRuns, includeCompleted);
+        }
     } else if (command == "timeline") {
         historyRenderTraceEvents(root, out);
     } else {

@@ -17,17 +17,20 @@ constexpr const char* reportHelp =
     "  --completed  include the records of completed tasks\n";
 
 constexpr const char* metricsHelp =
-    "usage: kelvo metrics <name|pid> [--noruns] [--completed]\n"
+    "usage: kelvo metrics <name|pid> [--prometheus] [--noruns] [--completed]\n"
     "\n"
     "Prints the daemon's scheduler statistics in the OpenMetrics text format:\n"
     "per-priority task counts, and per task its runs, run time, scheduling\n"
     "latency and quantum violations.\n"
     "\n"
+    "  --prometheus the classic Prometheus text format instead, as the node\n"
+    "               exporter's textfile collector and promtool read it\n"
     "  --noruns     include tasks that never ran\n"
     "  --completed  include the records of completed tasks\n";
 
 // Parses "<target> [options]": options named in kinds set the request's
-// command (the last one wins); --noruns and --completed add flags.
+// command (the last one wins); --noruns, --completed and --prometheus add
+// flags.
 int streamAnswer(const std::vector<String>& args, const char* help, const char* command,
                  const char* defaultRequest, const std::vector<std::pair<String, String>>& kinds) {
     String target, request = defaultRequest, flags;
@@ -46,7 +49,8 @@ int streamAnswer(const std::vector<String>& args, const char* help, const char* 
             }
         if (known)
             continue;
-        if (arg == "--noruns" || arg == "--completed")
+        if (arg == "--noruns" || arg == "--completed" ||
+            (arg == "--prometheus" && String(command) == "metrics"))
             flags += " " + arg.substr(2);
         else if (arg.starts_with("-"))
             throw UsageError(String(command) + ": unknown option '" + arg + "'");
