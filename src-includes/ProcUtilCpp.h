@@ -69,6 +69,15 @@ KELVO_EXPORT std::optional<std::vector<pid_t>> lockOwners(Platform::DebugHandler
 KELVO_EXPORT std::optional<std::vector<pid_t>> abstractSocketOwners(Platform::DebugHandler& handle,
                                                                     const String& name);
 
+// Whether process pid has a descriptor open on a socket bound to the
+// abstract name: one read of /proc/net/unix and of that process's
+// descriptors, so checking the pid a name claims costs the same however many
+// processes run, e.g. true for ("kelvod.ctl", 4242) above. false when no
+// socket has that name; std::nullopt when the listing or the process's
+// descriptors cannot be read (no such process, another user's).
+KELVO_EXPORT std::optional<bool> abstractSocketHeldBy(Platform::DebugHandler& handle,
+                                                      const String& name, pid_t pid);
+
 // The abstract socket names that start with prefix, sorted and each once,
 // e.g. {"kelvod.ctl", "kelvod.stats"} for the prefix "kelvod.". Empty when
 // /proc/net/unix cannot be read (traced).

@@ -370,6 +370,22 @@ class DescriptorScan {
     unsigned hidden_ = 0;
 };
 
+// The inode of the socket that descriptor fd (a name in the descriptor
+// directory fdDirFd) is open on, from its link "socket:[14954]".
+std::optional<uint64_t> socketInode(int fdDirFd, const char* fd) {
+    char target[64];
+    const ssize_t length = ::readlinkat(fdDirFd, fd, target, sizeof target);
+    constexpr std::string_view prefix = "socket:[";
+    if (length <= static_cast<ssize_t>(prefix.size()) + 1 || target[length - 1] != ']') {
+        return std::nullopt;
+    }
+    const std::string_view link(target, static_cast<size_t>(length) - 1);
+    if (!link.starts_with(prefix)) {
+        return std::nullopt;
+    }
+    return Impl::parseNumber<uint64_t>(link.substr(prefix.size()));
+}
+
 std::vector<pid_t> sortedUnique(std::vector<pid_t> pids) {
     std::sort(pids.begin(), pids.end());
     pids.erase(std::unique(pids.begin(), pids.end()), pids.end());
@@ -479,18 +495,7 @@ std::optional<std::vector<pid_t>> abstractSocketOwners(Platform::DebugHandler& h
     }
     std::vector<pid_t> owners;
     scan.forEachDescriptor([&](pid_t pid, int fdDirFd, const char* fd) {
-        // "socket:[14954]"
-        char target[64];
-        const ssize_t length = ::readlinkat(fdDirFd, fd, target, sizeof target);
-        constexpr std::string_view prefix = "socket:[";
-        if (length <= static_cast<ssize_t>(prefix.size()) + 1 || target[length - 1] != ']') {
-            return;
-        }
-        const std::string_view link(target, static_cast<size_t>(length) - 1);
-        if (!link.starts_with(prefix)) {
-            return;
-        }
-        const auto inode = Impl::parseNumber<uint64_t>(link.substr(prefix.size()));
+        const auto inode = socketInode(fdDirFd, fd);
         if (inode && inodes.count(*inode) != 0) {
             owners.push_back(pid);
         }
@@ -501,6 +506,39 @@ std::optional<std::vector<pid_t>> abstractSocketOwners(Platform::DebugHandler& h
         return std::nullopt;
     }
     return sortedUnique(std::move(owners));
+}
+
+std::optional<bool> abstractSocketHeldBy(Platform::DebugHandler& handle, const String& name,
+                                         pid_t pid) {
+    String shown = "@" + name;
+    std::replace(shown.begin(), shown.end(), '\0', '@');
+    Impl::ProcFileBuffer buffer;
+    if (!readTraced(handle, buffer, "/proc/net/unix")) {
+        return std::nullopt;
+    }
+    const auto inodes = Impl::unixSocketInodes(buffer.text(), shown);
+    if (inodes.empty()) {
+        KELVO_TRACE(handle, 5, "no socket named {}", name);
+        return false;
+    }
+    const String fdPath = fmt::format("/proc/{}/fd", pid);
+    const int fdDirFd = ::open(fdPath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fdDirFd < 0) {
+        KELVO_TRACE(handle, 1, "unable to open {}: {}", fdPath, errorText(errno));
+        return std::nullopt;
+    }
+    bool held = false;
+    std::vector<char> entries(16 * 1024);
+    const bool listed = forEachEntry(fdDirFd, entries, [&](const char* fd) {
+        const auto inode = socketInode(fdDirFd, fd);
+        held = held || (inode && inodes.count(*inode) != 0);
+    });
+    ::close(fdDirFd);
+    if (!listed && !held) {
+        KELVO_TRACE(handle, 1, "unable to list {}: {}", fdPath, errorText(errno));
+        return std::nullopt;
+    }
+    return held;
 }
 
 std::vector<String> abstractSocketNames(Platform::DebugHandler& handle, const String& prefix) {

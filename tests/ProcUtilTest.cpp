@@ -148,6 +148,12 @@ TEST_F(ProcUtil, SocketOwnersMatchTheWholeNameAndEveryHolderOfTheDescriptor) {
     EXPECT_EQ(Util::abstractSocketOwners(h_, prefix + "a"), std::vector<pid_t>{shorter.pid()});
     EXPECT_EQ(Util::abstractSocketOwners(h_, prefix + "own"), std::vector<pid_t>{::getpid()});
     EXPECT_EQ(Util::abstractSocketOwners(h_, prefix), std::vector<pid_t>{});
+    // The one-process check: the whole name, and only the process asked about.
+    EXPECT_EQ(Util::abstractSocketHeldBy(h_, prefix + "a", shorter.pid()), true);
+    EXPECT_EQ(Util::abstractSocketHeldBy(h_, prefix + "a", spaced.pid()), false);
+    EXPECT_EQ(Util::abstractSocketHeldBy(h_, prefix + "a b", ::getpid()), false);
+    EXPECT_EQ(Util::abstractSocketHeldBy(h_, prefix + "own", ::getpid()), true);
+    EXPECT_EQ(Util::abstractSocketHeldBy(h_, prefix, ::getpid()), false);
     EXPECT_THAT(Util::abstractSocketNames(h_, prefix),
                 ElementsAre(prefix + "a", prefix + "a b", prefix + "own"));
     ::close(own);

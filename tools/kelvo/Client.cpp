@@ -129,6 +129,10 @@ void fetch(const Server& server, const String& target, const String& request,
     const String line = request + "\n";
     for (size_t sent = 0; sent < line.size();) {
         const ssize_t n = ::send(fd.get(), line.data() + sent, line.size() - sent, MSG_NOSIGNAL);
+        // A server that refuses at accept answers and closes before reading:
+        // its answer is still ours to read.
+        if (n < 0 && (errno == EPIPE || errno == ECONNRESET))
+            break;
         if (n < 0 && (errno != EINTR || stopRequested))
             failErrno(target, "send", errno);
         sent += n > 0 ? size_t(n) : 0;

@@ -5,14 +5,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cinttypes>
 #include <cstdio>
 #include <ctime>
-#include <filesystem>
-#include <fstream>
-#include <map>
-#include <set>
-#include <sstream>
 
 #include "Tool.h"
 
@@ -42,47 +36,6 @@ double secondsSinceBoot() {
     return double(now.tv_sec) + double(now.tv_nsec) / 1e9;
 }
 
-// The inodes of the sockets bound to each abstract name that starts with
-// prefix, from one read of /proc/net/unix (a listener and the connections it
-// accepted share its name).
-std::map<String, std::set<uint64_t>> socketInodes(const String& prefix) {
-    std::map<String, std::set<uint64_t>> inodes;
-    std::ifstream table("/proc/net/unix");
-    String line;
-    std::getline(table, line);  // the heading
-    while (std::getline(table, line)) {
-        // "0000000000000000: 00000002 00000000 00010000 0001 01 14954 @name"
-        std::istringstream fields(line);
-        String skip, path;
-        uint64_t inode = 0;
-        for (int i = 0; i < 6; ++i)
-            fields >> skip;
-        fields >> inode >> path;
-        if (path.size() > 1 && path[0] == '@' && path.compare(1, prefix.size(), prefix) == 0)
-            inodes[path.substr(1)].insert(inode);
-    }
-    return inodes;
-}
-
-// Whether pid has a descriptor open on one of inodes. Only the process a
-// name claims is looked at, so the check costs one descriptor directory per
-// daemon however many processes run.
-bool holds(pid_t pid, const std::set<uint64_t>& inodes) {
-    std::error_code error;
-    for (const auto& fd :
-         std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd", error)) {
-        char target[64];
-        const ssize_t length = ::readlink(fd.path().c_str(), target, sizeof target - 1);
-        if (length <= 0)
-            continue;
-        target[length] = '\0';
-        uint64_t inode = 0;
-        if (std::sscanf(target, "socket:[%" SCNu64 "]", &inode) == 1 && inodes.count(inode))
-            return true;
-    }
-    return false;
-}
-
 // A socket counts only while the process its name claims holds it: a name
 // left to a forked child of a daemon that has exited, or claimed by another
 // process, is not that daemon.
@@ -90,10 +43,10 @@ std::vector<Daemon> daemons() {
     auto& h = handle();
     std::vector<Daemon> found;
     const double now = secondsSinceBoot();
-    const auto inodes = socketInodes(Kelvo::reportServerSocketPrefix);
     for (Server& server : servers()) {
-        const auto named = inodes.find(server.socketName);
-        if (named == inodes.end() || !holds(server.pid, named->second)) {
+        // Only the claimed pid's descriptors are read: with many daemons a
+        // scan of every process per name would cost seconds.
+        if (!Kelvo::Util::abstractSocketHeldBy(h, server.socketName, server.pid).value_or(false)) {
             KELVO_TRACE(h, 3, "{}: not held by pid {}", server.socketName, server.pid);
             continue;
         }
