@@ -474,8 +474,12 @@ std::optional<std::vector<pid_t>> lockOwners(Platform::DebugHandler& handle, con
     return sortedUnique(std::move(owners));
 }
 
-std::optional<std::vector<pid_t>> abstractSocketOwners(Platform::DebugHandler& handle,
-                                                       const String& name) {
+namespace {
+
+// The inodes of the sockets bound to the abstract name, from one read of
+// /proc/net/unix; std::nullopt when it cannot be read.
+std::optional<std::unordered_set<uint64_t>> socketInodesNamed(Platform::DebugHandler& handle,
+                                                              const String& name) {
     // /proc/net/unix shows the name's leading zero byte, and any other, as '@'.
     String shown = "@" + name;
     std::replace(shown.begin(), shown.end(), '\0', '@');
@@ -483,9 +487,22 @@ std::optional<std::vector<pid_t>> abstractSocketOwners(Platform::DebugHandler& h
     if (!readTraced(handle, buffer, "/proc/net/unix")) {
         return std::nullopt;
     }
-    const auto inodes = Impl::unixSocketInodes(buffer.text(), shown);
+    auto inodes = Impl::unixSocketInodes(buffer.text(), shown);
     if (inodes.empty()) {
         KELVO_TRACE(handle, 5, "no socket named {}", name);
+    }
+    return inodes;
+}
+
+}  // namespace
+
+std::optional<std::vector<pid_t>> abstractSocketOwners(Platform::DebugHandler& handle,
+                                                       const String& name) {
+    const auto inodes = socketInodesNamed(handle, name);
+    if (!inodes) {
+        return std::nullopt;
+    }
+    if (inodes->empty()) {
         return std::vector<pid_t>();
     }
 
@@ -496,7 +513,7 @@ std::optional<std::vector<pid_t>> abstractSocketOwners(Platform::DebugHandler& h
     std::vector<pid_t> owners;
     scan.forEachDescriptor([&](pid_t pid, int fdDirFd, const char* fd) {
         const auto inode = socketInode(fdDirFd, fd);
-        if (inode && inodes.count(*inode) != 0) {
+        if (inode && inodes->count(*inode) != 0) {
             owners.push_back(pid);
         }
     });
@@ -510,16 +527,9 @@ std::optional<std::vector<pid_t>> abstractSocketOwners(Platform::DebugHandler& h
 
 std::optional<bool> abstractSocketHeldBy(Platform::DebugHandler& handle, const String& name,
                                          pid_t pid) {
-    String shown = "@" + name;
-    std::replace(shown.begin(), shown.end(), '\0', '@');
-    Impl::ProcFileBuffer buffer;
-    if (!readTraced(handle, buffer, "/proc/net/unix")) {
-        return std::nullopt;
-    }
-    const auto inodes = Impl::unixSocketInodes(buffer.text(), shown);
-    if (inodes.empty()) {
-        KELVO_TRACE(handle, 5, "no socket named {}", name);
-        return false;
+    const auto inodes = socketInodesNamed(handle, name);
+    if (!inodes || inodes->empty()) {
+        return inodes ? std::optional<bool>(false) : std::nullopt;
     }
     const String fdPath = fmt::format("/proc/{}/fd", pid);
     const int fdDirFd = ::open(fdPath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -531,7 +541,7 @@ std::optional<bool> abstractSocketHeldBy(Platform::DebugHandler& handle, const S
     std::vector<char> entries(16 * 1024);
     const bool listed = forEachEntry(fdDirFd, entries, [&](const char* fd) {
         const auto inode = socketInode(fdDirFd, fd);
-        held = held || (inode && inodes.count(*inode) != 0);
+        held = held || (inode && inodes->count(*inode) != 0);
     });
     ::close(fdDirFd);
     if (!listed && !held) {
