@@ -312,7 +312,8 @@ class FakeServer {
   public:
     FakeServer(const std::string& name, std::vector<std::string> pieces, bool answer = true)
         : name_(name) {
-        auto& h = *Kelvo::Platform::getDebugHandler("KelvoToolTest");
+        const auto handle = Kelvo::Platform::getDebugHandler("KelvoToolTest");
+        auto& h = *handle;
         listener_ = Kelvo::Util::socket(h, AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_un address{};
         const int length = Kelvo::Util::createSockaddr(
