@@ -4,8 +4,6 @@
 #include <sys/mman.h>
 #include <sys/sysmacros.h>
 
-#include <ranges>
-
 using namespace KelvoTest;
 namespace Impl = Kelvo::Impl;
 
@@ -20,8 +18,12 @@ std::string show(const Kelvo::Mapping& m) {
                        m.deleted ? " deleted" : "");
 }
 
+// A loop, not a view: clang 14 cannot use libstdc++ 12's ranges.
 std::string showAll(const std::vector<Kelvo::Mapping>& entries) {
-    return fmt::format("{}", fmt::join(entries | std::views::transform(show), ""));
+    std::string all;
+    for (const auto& m : entries)
+        all += show(m);
+    return all;
 }
 
 // Device and inode of a file, as a maps line shows them.
