@@ -10,11 +10,12 @@
 // flags separated by single blanks ("noruns" keeps tasks that never ran,
 // "completed" adds finished tasks; json, text and metrics use them, the other
 // commands accept and ignore them; "prometheus" asks metrics for the classic
-// Prometheus text format instead of OpenMetrics). The answer is the report's bytes, then a
-// close. A failure is one line and a close: "error: unknown request\n",
-// "error: request too long\n", "error: request timed out\n" (no complete line
-// within 5 seconds of the accept), "error: busy\n" (64 connections are open
-// already) or "error: refused\n". No report starts with "error: ".
+// Prometheus text format instead of OpenMetrics). The answer is the report's
+// bytes, then a close. A failure is one line and a close:
+// "error: unknown request\n", "error: request too long\n",
+// "error: request timed out\n" (no complete line within 5 seconds of the
+// accept), "error: busy\n" (64 connections are open already) or
+// "error: refused\n". No report starts with "error: ".
 //
 // Security: abstract sockets have no file permissions, so the peer's
 // credentials (SO_PEERCRED) are the only door: a peer whose uid is neither
