@@ -187,6 +187,14 @@ String fetchAll(const Server& server, const String& target, const String& reques
     return answer;
 }
 
+void takeTarget(const char* command, const String& arg, String& target) {
+    if (arg.starts_with("-"))
+        throw UsageError(String(command) + ": unknown option '" + arg + "'");
+    if (!target.empty())
+        throw UsageError(String(command) + ": one daemon at a time ('" + arg + "')");
+    target = arg;
+}
+
 bool isHelp(std::string_view arg) {
     return arg == "--help" || arg == "-h";
 }

@@ -52,12 +52,8 @@ int streamAnswer(const std::vector<String>& args, const char* help, const char* 
         if (arg == "--noruns" || arg == "--completed" ||
             (arg == "--prometheus" && String(command) == "metrics"))
             flags += " " + arg.substr(2);
-        else if (arg.starts_with("-"))
-            throw UsageError(String(command) + ": unknown option '" + arg + "'");
-        else if (target.empty())
-            target = arg;
         else
-            throw UsageError(String(command) + ": one daemon at a time ('" + arg + "')");
+            takeTarget(command, arg, target);
     }
     if (target.empty())
         throw UsageError(String(command) + ": which daemon? (kelvo " + command + " <name|pid>)");

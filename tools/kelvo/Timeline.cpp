@@ -38,12 +38,8 @@ int runTimeline(const std::vector<String>& args) {
             if (++i == args.size())
                 throw UsageError("timeline: " + arg + " needs a file name");
             file = args[i];
-        } else if (arg.starts_with("-"))
-            throw UsageError("timeline: unknown option '" + arg + "'");
-        else if (target.empty())
-            target = arg;
-        else
-            throw UsageError("timeline: one daemon at a time ('" + arg + "')");
+        } else
+            takeTarget("timeline", arg, target);
     }
     if (target.empty())
         throw UsageError("timeline: which daemon? (kelvo timeline <name|pid> -o FILE)");

@@ -69,6 +69,9 @@ String fetchAll(const Server& server, const String& target, const String& reques
 
 // Parsing helpers for the subcommands' command lines.
 bool isHelp(std::string_view arg);
+// An argument of command that no option took: the daemon, given once;
+// anything else starting with '-' is an unknown option. Throws UsageError.
+void takeTarget(const char* command, const String& arg, String& target);
 // Writes all of data to stdout; a Failure when it cannot.
 void writeOut(std::string_view data);
 

@@ -343,12 +343,8 @@ int runTop(const std::vector<String>& args) {
             if (count != std::floor(count))
                 throw UsageError("top: -n needs a whole number, not '" + args[i] + "'");
             frames = long(count);
-        } else if (arg.starts_with("-"))
-            throw UsageError("top: unknown option '" + arg + "'");
-        else if (target.empty())
-            target = arg;
-        else
-            throw UsageError("top: one daemon at a time ('" + arg + "')");
+        } else
+            takeTarget("top", arg, target);
     }
     if (target.empty())
         throw UsageError("top: which daemon? (kelvo top <name|pid>)");
