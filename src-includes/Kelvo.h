@@ -34,3 +34,4 @@
 #include "TimerWheelCpp.h"
 #include "TypeNameCpp.h"
 #include "UtilCpp.h"
+#include "Version.h"

@@ -45,6 +45,11 @@ int main() {
         expect(e.message().find("arithmetic is broken") != std::string::npos, "assert text");
     }
 
+    // The headers this program was built with and the library it runs with
+    // come from the same package.
+    expect(std::strcmp(Kelvo::version(), KELVO_VERSION_STRING) == 0,
+           "library version equals the header's");
+
     Kelvo::Platform::LocoGuard guard;
     expect(Kelvo::Platform::loco().owns_lock(), "global lock held");
     return failures == 0 ? 0 : 1;
