@@ -157,9 +157,25 @@ TEST(TestKitRunLoopUntil, FailsAtTheVirtualBoundWithoutWaiting) {
 
 TEST(TestKitRunLoopUntil, InRealTimeSeesAnotherThreadsChangeAndFailsAtTheBound) {
     ASSERT_FALSE(fastForward());
+    // The flag is set only after the first test of done() found it unset, so
+    // it is seen after a slice of loop time, which must be short.
+    std::atomic<int> checks = 0;
     std::atomic<bool> flag = false;
-    std::thread setter([&] { flag = true; });
-    EXPECT_TRUE(runLoopUntil([&] { return flag.load(); }, 60));
+    std::thread setter([&] {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+        while (checks == 0 && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::yield();
+        }
+        flag = true;
+    });
+    const auto realStart = std::chrono::steady_clock::now();
+    EXPECT_TRUE(runLoopUntil(
+        [&] {
+            ++checks;
+            return flag.load();
+        },
+        60));
+    EXPECT_LT(std::chrono::steady_clock::now() - realStart, std::chrono::seconds(30));
     setter.join();
 
     const double start = Kelvo::time();

@@ -23,8 +23,9 @@ class HeartbeatTest : public Kelvo::TestKit::FastForwardTest {};
 TEST_F(HeartbeatTest, BeatsOnceAMinuteOfVirtualTime) {
     Kelvo::TestKit::TraceCapture capture("KelvoConsumer::Heartbeat", "4");
     Heartbeat heartbeat;
-    EXPECT_TRUE(Kelvo::TestKit::runLoopUntil([&] { return heartbeat.beats == 60; }, 3700,
-                                             [&] { return std::to_string(heartbeat.beats); }));
+    EXPECT_TRUE(
+        Kelvo::TestKit::runLoopUntil([&] { return heartbeat.beats == 60; }, 3700,
+                                     [&] { return fmt::format("{} beats", heartbeat.beats); }));
     EXPECT_TRUE(capture.contains("beat 60"));
     EXPECT_FALSE(Kelvo::TestKit::runLoopUntil([&] { return heartbeat.beats == 0; }, 10));
 }
