@@ -666,11 +666,12 @@ void traceLineStart(TraceLine& out, uint32_t level, const void* handle, const ch
 }
 
 void traceLineWrite(TraceLine& out, const void* handle, uint32_t level, size_t prefixLength) {
+    out.push_back('\n');
     LocoGuard guard;
     // Read under the lock that its setter takes: once traceLineObserverIs
     // returns, the observer it replaced runs on no thread.
     if (traceLineObserver_.function != nullptr) {
-        const std::string_view line(out.data(), out.size());
+        const std::string_view line(out.data(), out.size() - 1);
         const Platform::ObservedTraceLine observed{
             static_cast<const Platform::DebugHandler*>(handle), level, line,
             line.substr(prefixLength)};
@@ -678,7 +679,6 @@ void traceLineWrite(TraceLine& out, const void* handle, uint32_t level, size_t p
             return;
         }
     }
-    out.push_back('\n');
     writeAll(traceFd_ >= 0 ? traceFd_ : STDERR_FILENO, out.data(), out.size());
 }
 

@@ -83,13 +83,14 @@ struct TraceCapture::State {
     std::vector<std::string> lines;
     std::vector<std::string> messages;
 
-    uint32_t levelsBefore(const Platform::DebugHandler* handle) const {
+    // The mask of handle before the capture; otherLevels for one made since.
+    uint32_t levelsBefore(const Platform::DebugHandler* handle, uint32_t otherLevels) const {
         for (const auto& [known, mask] : handles) {
             if (known == handle) {
                 return mask;
             }
         }
-        return newHandleLevels;
+        return otherLevels;
     }
 };
 
@@ -131,7 +132,8 @@ class TraceCaptureRegistry {
                 if ((state->levels & bit) && line.handle->name == state->name) {
                     state->lines.emplace_back(line.line);
                     state->messages.emplace_back(line.message);
-                    withhold = withhold || !(state->levelsBefore(line.handle) & bit);
+                    withhold = withhold ||
+                               !(state->levelsBefore(line.handle, state->newHandleLevels) & bit);
                 }
             }
         }
@@ -201,13 +203,8 @@ TraceCapture::~TraceCapture() {
     auto [first, last] = Sarn::DebugHandler::handlerMap_->equal_range(state.name);
     for (auto handle = first; handle != last; ++handle) {
         if (!handle->second->fixedLevels) {
-            uint32_t mask = inherited;
-            for (const auto& [known, before] : state.handles) {
-                if (known == handle->second) {
-                    mask = before;
-                }
-            }
-            handle->second->levels.store(mask, std::memory_order_relaxed);
+            handle->second->levels.store(state.levelsBefore(handle->second, inherited),
+                                         std::memory_order_relaxed);
         }
     }
 }
