@@ -247,6 +247,33 @@ TEST_F(TraceOutput, MessagesAndTheFileTheyGoTo) {
     EXPECT_EQ(lines(), std::vector<std::string>{"third"});
 }
 
+// The observer sees every written line with its handle, level and message,
+// and decides whether the line still reaches the trace output.
+TEST_F(TraceOutput, ObserverSeesLinesAndMayWithholdThem) {
+    struct Seen {
+        std::vector<std::string> lines;
+        bool withhold = false;
+    } seen;
+    auto observe = [](void* context, const Platform::ObservedTraceLine& line) {
+        auto& s = *static_cast<Seen*>(context);
+        s.lines.push_back(fmt::format("{}|{}|{}|{}", line.handle ? line.handle->name : "-",
+                                      line.level, line.line, line.message));
+        return s.withhold;
+    };
+    Platform::setTraceFormat("handle,level");
+    Platform::traceLineObserverIs({observe, &seen});
+    KELVO_TRACE(handle_, 3, "kept {}", 1);
+    seen.withhold = true;
+    KELVO_TRACE(handle_, 3, "withheld");
+    Platform::dumpDebugMsg("raw", 3, 3, nullptr, nullptr, nullptr, 0);
+    Platform::traceLineObserverIs({});
+    EXPECT_EQ(Platform::traceLineObserver().function, nullptr);
+    KELVO_TRACE(handle_, 3, "unobserved");
+    EXPECT_THAT(seen.lines, ElementsAre("OutH|3|OutH 3 kept 1|kept 1",
+                                        "OutH|3|OutH 3 withheld|withheld", "-|3|3 raw|raw"));
+    EXPECT_EQ(lines(), (std::vector<std::string>{"OutH 3 kept 1", "OutH 3 unobserved"}));
+}
+
 // Malformed TRACEFORMAT values never crash and keep the previous switches.
 TEST_F(TraceOutput, MalformedTraceFormatValues) {
     const std::string invalid =
