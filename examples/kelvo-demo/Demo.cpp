@@ -207,8 +207,8 @@ class Demo::Dispatcher final : public Kelvo::TimerTask {
 
     void taskExecute() override {
         const unsigned jobs = 1 + Kelvo::Random::rand64() % 6;
+        auto& workers = demo_.workerTasks_;
         for (unsigned i = 0; i < jobs; ++i) {
-            auto& workers = demo_.workerTasks_;
             auto idlest = std::min_element(
                 workers.begin(), workers.end(),
                 [](const auto& a, const auto& b) { return a->queued() < b->queued(); });

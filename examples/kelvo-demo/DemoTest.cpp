@@ -79,11 +79,13 @@ TEST_F(KelvoDemoTest, HeavyTaskYieldsOnItsQuantum) {
 }
 
 TEST_F(KelvoDemoTest, StatusLineIsTracedEveryTenSeconds) {
+    const double start = Kelvo::time();
     Demo demo(quietConfig());
     Kelvo::TestKit::TraceCapture capture("Demo", "3");
-    const double start = Kelvo::time();
     ASSERT_TRUE(runLoopUntil([&] { return capture.contains("status: "); }, 30.0));
-    EXPECT_GE(Kelvo::time() - start, 10.0);
+    // The timer wheel turns 100 times a second: a timer may fire up to one
+    // turn before its exact expiry.
+    EXPECT_GE(Kelvo::time() - start, 10.0 - 0.01);
 }
 
 TEST_F(KelvoDemoTest, SigtermStopsTheLoop) {
