@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
@@ -28,8 +27,11 @@ uint64_t fnv1a(uint64_t sum, const char* data, size_t length) {
 }
 constexpr uint64_t fnvOffsetBasis = 0xcbf29ce484222325ull;
 
-// The write end of the signal pipe for the handler; -1 when none.
+// The write end of the signal pipe for the handler; -1 when no Demo watches
+// signals. The dispositions it replaced are put back when it goes.
 volatile sig_atomic_t signalWriteFd = -1;
+struct sigaction previousSigint;
+struct sigaction previousSigterm;
 
 void onStopSignal(int signal) {
     const int savedErrno = errno;
@@ -342,8 +344,8 @@ Demo::Demo(const Config& config)
 
 Demo::~Demo() {
     if (signalReader_) {
-        ::signal(SIGINT, SIG_DFL);
-        ::signal(SIGTERM, SIG_DFL);
+        ::sigaction(SIGINT, &previousSigint, nullptr);
+        ::sigaction(SIGTERM, &previousSigterm, nullptr);
         signalWriteFd = -1;
     }
     if (serving_) {
@@ -368,8 +370,8 @@ void Demo::stopOnSignals() {
     action.sa_handler = onStopSignal;
     sigemptyset(&action.sa_mask);
     action.sa_flags = SA_RESTART;
-    ::sigaction(SIGINT, &action, nullptr);
-    ::sigaction(SIGTERM, &action, nullptr);
+    ::sigaction(SIGINT, &action, &previousSigint);
+    ::sigaction(SIGTERM, &action, &previousSigterm);
 }
 
 void Demo::printReport(std::ostream& out, unsigned historyEvents) {
