@@ -19,6 +19,7 @@
 #include <map>
 #include <memory>
 #include <sstream>
+#include <string_view>
 #include <unordered_map>
 
 #include "KelvoBase.h"
@@ -191,6 +192,29 @@ KELVO_EXPORT void printAllTraceFormat();
 // Writes one trace line: the chosen fields, then len bytes of msg.
 KELVO_EXPORT void dumpDebugMsg(const char* msg, size_t len, uint32_t level, const void* handle,
                                const char* file, const char* func, int line);
+
+// A trace line about to be written; the views live only for the call.
+struct ObservedTraceLine {
+    const DebugHandler* handle;  // null for a line written without a handle
+    unsigned level;
+    std::string_view line;     // as it would be written, without the newline
+    std::string_view message;  // line without its prefix fields
+};
+
+// One per process, off by default (function null), for tests and tools that
+// need to see the lines of a handle. The function is called for every line
+// written, on the tracing thread, under the global lock: it must not trace,
+// and is best quick. Returning true keeps the line from the trace output.
+// The level bit is still tested before a line is formatted, so an observer
+// sees only lines of enabled levels and costs nothing on disabled ones.
+struct TraceLineObserver {
+    bool (*function)(void* context, const ObservedTraceLine& line) = nullptr;
+    void* context = nullptr;
+};
+// Any thread; guarded by the global lock. Once it returns, the replaced
+// observer is running on no thread and will not be called again.
+KELVO_EXPORT void traceLineObserverIs(TraceLineObserver observer);
+KELVO_EXPORT TraceLineObserver traceLineObserver();
 
 }  // namespace Platform
 

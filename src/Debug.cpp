@@ -351,6 +351,8 @@ namespace {
 
 // The trace file; guarded by the global lock. -1 when lines go to stderr.
 int traceFd_ = -1;
+// Guarded by the global lock; empty unless a test or tool installs one.
+Platform::TraceLineObserver traceLineObserver_;
 // Reached from the load-time set-up, which runs before this file's ordinary
 // static objects are constructed: built on first use and never destroyed.
 String& traceFileName() {
@@ -500,6 +502,16 @@ void setupKelvoDebug(const char* traceText) {
     });
 }
 
+void traceLineObserverIs(TraceLineObserver observer) {
+    LocoGuard guard;
+    traceLineObserver_ = observer;
+}
+
+TraceLineObserver traceLineObserver() {
+    LocoGuard guard;
+    return traceLineObserver_;
+}
+
 void clearKelvoDebug(const char* traceText) {
     if (traceText == nullptr) {
         return;
@@ -579,8 +591,9 @@ void dumpDebugMsg(const char* msg, size_t len, uint32_t level, const void* handl
                   const char* func, int line) {
     Impl::TraceLine out;
     Impl::traceLineStart(out, level, handle, file, func, line);
+    const size_t prefixLength = out.size();
     out.append(msg, msg + len);
-    Impl::traceLineWrite(out);
+    Impl::traceLineWrite(out, handle, level, prefixLength);
 }
 
 }  // namespace Platform
@@ -652,9 +665,20 @@ void traceLineStart(TraceLine& out, uint32_t level, const void* handle, const ch
     out.resize(static_cast<size_t>(prefix.end() - out.data()));
 }
 
-void traceLineWrite(TraceLine& out) {
-    out.push_back('\n');
+void traceLineWrite(TraceLine& out, const void* handle, uint32_t level, size_t prefixLength) {
     LocoGuard guard;
+    // Read under the lock that its setter takes: once traceLineObserverIs
+    // returns, the observer it replaced runs on no thread.
+    if (traceLineObserver_.function != nullptr) {
+        const std::string_view line(out.data(), out.size());
+        const Platform::ObservedTraceLine observed{
+            static_cast<const Platform::DebugHandler*>(handle), level, line,
+            line.substr(prefixLength)};
+        if (traceLineObserver_.function(traceLineObserver_.context, observed)) {
+            return;
+        }
+    }
+    out.push_back('\n');
     writeAll(traceFd_ >= 0 ? traceFd_ : STDERR_FILENO, out.data(), out.size());
 }
 

@@ -207,8 +207,9 @@ void vfmtrace(const void* handle, uint32_t level, const char* file, bool isMembe
               fmt::format_args args) {
     Kelvo::Impl::TraceLine out;
     Kelvo::Impl::traceLineStart(out, level, handle, file, funcName, line);
+    const size_t prefixLength = out.size();
     appendMessage(out, isMember, funcName, className, format, args);
-    Kelvo::Impl::traceLineWrite(out);
+    Kelvo::Impl::traceLineWrite(out, handle, level, prefixLength);
 }
 
 void dumpDebugMsg(const char* msg, size_t len, uint32_t level, const void* handle, const char* file,

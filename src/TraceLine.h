@@ -39,8 +39,10 @@ inline void copyBytes(char* to, const char* from, size_t n) {
 // level, traced at file:line in func.
 void traceLineStart(TraceLine& out, uint32_t level, const void* handle, const char* file,
                     const char* func, int line);
-// Ends the line and writes it to the trace file, or to standard error.
-void traceLineWrite(TraceLine& out);
+// Ends the line and writes it to the trace file, or to standard error, unless
+// the trace-line observer takes it; the first prefixLength bytes of out are
+// the prefix fields, the rest the message.
+void traceLineWrite(TraceLine& out, const void* handle, uint32_t level, size_t prefixLength);
 
 }  // namespace Impl
 }  // namespace Kelvo

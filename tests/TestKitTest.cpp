@@ -1,0 +1,313 @@
+// The test kit, linked as a daemon's tests link it: Kelvo::TestKit over the
+// shared library.
+#include <Kelvo/Kelvo.h>
+#include <Kelvo/TestKit.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <thread>
+
+namespace {
+
+using namespace Kelvo;
+using Kelvo::Platform::fastForward;
+using Kelvo::TestKit::FastForwardScope;
+using Kelvo::TestKit::runLoopUntil;
+using Kelvo::TestKit::TraceCapture;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::MatchesRegex;
+
+// ---------------------------------------------------------------------------
+// Fast-forward fixture and scopes
+
+// Run only as the child program of FixtureLeavesFastForwardOffAfterAFailure.
+class TestKitChild : public TestKit::FastForwardTest {};
+TEST_F(TestKitChild, DISABLED_FailsFatally) {
+    ASSERT_TRUE(fastForward());
+    FAIL() << "deliberate failure";
+}
+TEST_F(TestKitChild, DISABLED_Throws) {
+    ASSERT_TRUE(fastForward());
+    throw std::runtime_error("deliberate failure");
+}
+TEST(TestKitChildNext, DISABLED_FindsFastForwardOff) {
+    EXPECT_FALSE(fastForward());
+}
+
+TEST(TestKitFixture, LeavesFastForwardOffAfterAFailingTest) {
+    for (const char* failing : {"DISABLED_FailsFatally", "DISABLED_Throws"}) {
+        SCOPED_TRACE(failing);
+        const std::string command = fmt::format(
+            "/proc/{}/exe --gtest_also_run_disabled_tests "
+            "--gtest_filter=TestKitChild.{}:TestKitChildNext.* 2>&1",
+            ::getpid(), failing);
+        FILE* child = ::popen(command.c_str(), "r");
+        ASSERT_NE(child, nullptr);
+        std::string output;
+        char buffer[4096];
+        for (size_t n; (n = std::fread(buffer, 1, sizeof buffer, child)) > 0;) {
+            output.append(buffer, n);
+        }
+        EXPECT_NE(::pclose(child), 0) << output;
+        EXPECT_THAT(output, HasSubstr("deliberate failure"));
+        EXPECT_THAT(output, HasSubstr(fmt::format("[  FAILED  ] TestKitChild.{} (", failing)));
+        EXPECT_THAT(output,
+                    HasSubstr("[       OK ] TestKitChildNext.DISABLED_FindsFastForwardOff"));
+    }
+}
+
+TEST(TestKitScopes, FastForwardScopesNestAndRestore) {
+    ASSERT_FALSE(fastForward());
+    {
+        FastForwardScope on;
+        EXPECT_TRUE(fastForward());
+        {
+            FastForwardScope off(false);
+            EXPECT_FALSE(fastForward());
+            {
+                FastForwardScope onAgain(true);
+                EXPECT_TRUE(fastForward());
+            }
+            EXPECT_FALSE(fastForward());
+        }
+        EXPECT_TRUE(fastForward());
+    }
+    EXPECT_FALSE(fastForward());
+}
+
+struct Idle : Task {
+    using Task::Task;
+    void taskExecute() override {}
+};
+struct IdleFd : FileDescriptorTask {
+    using FileDescriptorTask::FileDescriptorTask;
+    void readFdEvent(int) override {}
+    void writeFdEvent(int) override {}
+    void taskExecuteReadable() override {}
+    void taskExecuteWritable() override {}
+};
+
+template <class T>
+class TestKitYieldRatio : public ::testing::Test {};
+using TaskKinds = ::testing::Types<Idle, IdleFd>;
+TYPED_TEST_SUITE(TestKitYieldRatio, TaskKinds);
+
+TYPED_TEST(TestKitYieldRatio, ScopesNestAndRestoreTheTasksRatio) {
+    auto root = schedulerRootKelvoNonShared("testkit");
+    TypeParam task(root, TaskPriority::normal, "ratio");
+    task.taskTestYieldRatioIs(7);
+    {
+        TestKit::TestYieldRatioScope outer(task, 3);
+        EXPECT_EQ(task.taskTestYieldRatio(), 3);
+        {
+            TestKit::TestYieldRatioScope inner(task, 0);
+            EXPECT_EQ(task.taskTestYieldRatio(), 0);
+        }
+        EXPECT_EQ(task.taskTestYieldRatio(), 3);
+    }
+    EXPECT_EQ(task.taskTestYieldRatio(), 7);
+}
+
+// ---------------------------------------------------------------------------
+// runLoopUntil
+
+// Re-arms itself every period seconds and counts its expiries.
+struct Ticker : Platform::TimeoutHandler {
+    std::shared_ptr<Platform::TimerControl> timer = Platform::getTimerControl(this);
+    double period;
+    int ticks = 0;
+    explicit Ticker(double seconds) : period(seconds) { timer->setTimeout(period); }
+    ~Ticker() override { timer->delTimeout(); }
+    void timeout() override {
+        ++ticks;
+        timer->setTimeout(period);
+    }
+};
+
+TEST(TestKitRunLoopUntil, StopsAtTheFirstTimerThatMakesDoneTrue) {
+    FastForwardScope on;
+    Ticker ticker(10);
+    const double start = Kelvo::time();
+    // A runner that let several timers fire between two tests of done()
+    // would step past ticks == 3.
+    EXPECT_TRUE(runLoopUntil([&] { return ticker.ticks == 3; }, 1000));
+    EXPECT_NEAR(Kelvo::time() - start, 30, 1);
+}
+
+TEST(TestKitRunLoopUntil, FailsAtTheVirtualBoundWithoutWaiting) {
+    FastForwardScope on;
+    Ticker ticker(7);
+    const auto realStart = std::chrono::steady_clock::now();
+    const double start = Kelvo::time();
+    const ::testing::AssertionResult result = runLoopUntil(
+        [] { return false; }, 3600, [&] { return fmt::format("{} ticks", ticker.ticks); });
+    EXPECT_FALSE(result);
+    EXPECT_THAT(result.message(),
+                MatchesRegex("not reached within 3600 s of loop time \\(spent 3600\\.0[0-9] s\\); "
+                             "last seen: 514 ticks"));
+    EXPECT_NEAR(Kelvo::time() - start, 3600, 0.1);
+    // An hour of loop time in far less real time.
+    EXPECT_LT(std::chrono::steady_clock::now() - realStart, std::chrono::seconds(60));
+}
+
+TEST(TestKitRunLoopUntil, InRealTimeSeesAnotherThreadsChangeAndFailsAtTheBound) {
+    ASSERT_FALSE(fastForward());
+    std::atomic<bool> flag = false;
+    std::thread setter([&] { flag = true; });
+    EXPECT_TRUE(runLoopUntil([&] { return flag.load(); }, 60));
+    setter.join();
+
+    const double start = Kelvo::time();
+    const ::testing::AssertionResult result = runLoopUntil([] { return false; }, 0.2);
+    EXPECT_GE(Kelvo::time() - start, 0.2);
+    EXPECT_THAT(result.message(),
+                MatchesRegex("not reached within 0.2 s of loop time \\(spent 0\\.[2-9][0-9] s\\)"));
+}
+
+TEST(TestKitRunLoopUntil, RejectsBoundsThatAreNotAFiniteNonNegativeTime) {
+    int calls = 0;
+    for (const double bound : {-1.0, std::nan(""), HUGE_VAL}) {
+        const ::testing::AssertionResult result = runLoopUntil([&] { return ++calls > 0; }, bound);
+        EXPECT_FALSE(result) << bound;
+        EXPECT_THAT(result.message(), HasSubstr("is not a finite, non-negative time"));
+    }
+    EXPECT_EQ(calls, 0);
+    EXPECT_TRUE(runLoopUntil([] { return true; }, 0));
+}
+
+// ---------------------------------------------------------------------------
+// TraceCapture
+
+// Stands for the trace output: the lines no capture withheld.
+struct Output {
+    static inline std::vector<std::string> messages;
+    static bool observe(void*, const Platform::ObservedTraceLine& line) {
+        messages.emplace_back(line.message);
+        return true;
+    }
+};
+
+struct OutputScope {
+    OutputScope() {
+        Output::messages.clear();
+        Platform::traceLineObserverIs({&Output::observe, nullptr});
+    }
+    ~OutputScope() { Platform::traceLineObserverIs({}); }
+};
+
+TEST(TestKitTraceCapture, CollectsOnlyItsHandlesLinesAtItsLevels) {
+    OutputScope output;
+    Platform::setupKelvoDebug("TestKitCapturedToo/3,TestKitCaptured/4");
+    auto captured = Platform::getDebugHandler("TestKitCaptured");
+    auto other = Platform::getDebugHandler("TestKitCapturedToo");
+    {
+        TraceCapture capture("TestKitCaptured", "37");
+        KELVO_TRACE(captured, 3, "captured at {}", 3);
+        KELVO_TRACE(captured, 4, "not captured at {}", 4);
+        KELVO_TRACE(other, 3, "other handle");
+        KELVO_TRACE(captured, 7, "captured at {}", 7);
+        EXPECT_THAT(capture.messages(), ElementsAre("captured at 3", "captured at 7"));
+        EXPECT_TRUE(capture.contains("captured at 7"));
+        EXPECT_FALSE(capture.contains("other"));
+        EXPECT_THAT(capture.lines().front(), MatchesRegex(".*TestKitCaptured 3 captured at 3"));
+    }
+    // Lines at levels the handle had go on to the output; the capture's own
+    // levels do not.
+    EXPECT_THAT(Output::messages, ElementsAre("not captured at 4", "other handle"));
+    Platform::clearKelvoDebug("TestKitCapturedToo/*,TestKitCaptured/*");
+}
+
+TEST(TestKitTraceCapture, RestoresTheLevelsOfTheNameAndItsHandles) {
+    struct Case {
+        const char* name;
+        const char* before;  // TRACE text applied first, or ""
+        uint32_t handleLevels;
+    };
+    const Case cases[] = {
+        {"TestKitRestoreNone", "", 0},
+        {"TestKitRestoreOwn", "TestKitRestoreOwn/25", 0x24},
+        {"TestKitRestoreWild", "TestKitRestoreW*/6", 0x40},
+        {"TestKitRestoreZero", "TestKitRestoreZero/", 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        if (*c.before) {
+            Platform::setupKelvoDebug(c.before);
+        }
+        auto before = Platform::getDebugHandler(c.name);
+        ASSERT_EQ(before->levels, c.handleLevels);
+        auto lowered = Platform::getDebugHandler(c.name);
+        lowered->enabledIs(9, true);
+        std::shared_ptr<Platform::DebugHandler> during;
+        {
+            TraceCapture capture(c.name, "13");
+            during = Platform::getDebugHandler(c.name);
+            for (const auto& handle : {before, lowered, during}) {
+                EXPECT_EQ(handle->levels & 0xa, 0xa);
+            }
+        }
+        EXPECT_EQ(before->levels, c.handleLevels);
+        EXPECT_EQ(lowered->levels, c.handleLevels | 0x200);
+        EXPECT_EQ(during->levels, c.handleLevels);
+        EXPECT_EQ(Platform::getDebugHandler(c.name)->levels, c.handleLevels);
+        if (*c.before) {
+            Platform::clearKelvoDebug(fmt::format("{}*", c.before).c_str());
+        }
+    }
+}
+
+TEST(TestKitTraceCapture, CollectsLinesTracedFromOtherThreads) {
+    OutputScope output;
+    auto handle = Platform::getDebugHandler("TestKitThreads");
+    TraceCapture capture("TestKitThreads", "5");
+    constexpr int threads = 4, perThread = 250;
+    std::vector<std::thread> workers;
+    for (int t = 0; t < threads; ++t) {
+        workers.emplace_back([&, t] {
+            for (int i = 0; i < perThread; ++i) {
+                KELVO_TRACE(handle, 5, "line {}", t * perThread + i);
+            }
+        });
+    }
+    // The collected lines are read while the workers still add to them.
+    size_t seen = 0;
+    while (seen < threads * perThread) {
+        seen = capture.messages().size();
+        EXPECT_EQ(capture.contains("line 999999"), false);
+    }
+    for (auto& worker : workers) {
+        worker.join();
+    }
+    std::vector<std::string> messages = capture.messages();
+    std::sort(messages.begin(), messages.end());
+    ASSERT_EQ(messages.size(), size_t{threads * perThread});
+    EXPECT_EQ(std::unique(messages.begin(), messages.end()), messages.end());
+    EXPECT_TRUE(Output::messages.empty());
+}
+
+TEST(TestKitTraceCapture, HandsBackTheObserverItFound) {
+    OutputScope output;
+    auto handle = Platform::getDebugHandler("TestKitChain");
+    {
+        TraceCapture first("TestKitChain", "2");
+        {
+            TraceCapture second("TestKitChain", "3");
+            EXPECT_NE(Platform::traceLineObserver().function, &Output::observe);
+            KELVO_TRACE(handle, 2, "two");
+            KELVO_TRACE(handle, 3, "three");
+            EXPECT_THAT(second.messages(), ElementsAre("three"));
+        }
+        EXPECT_THAT(first.messages(), ElementsAre("two"));
+    }
+    EXPECT_EQ(Platform::traceLineObserver().function, &Output::observe);
+    handle->enabledIs(2, true);
+    KELVO_TRACE(handle, 2, "after");
+    EXPECT_THAT(Output::messages, ElementsAre("after"));
+}
+
+}  // namespace
