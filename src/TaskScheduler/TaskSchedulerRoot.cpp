@@ -99,18 +99,7 @@ void TaskSchedulerRoot::callback() {
         explicit BatchScope(bool& flag) : inBatch(flag) { inBatch = true; }
         ~BatchScope() { inBatch = false; }
     } scope(inBatch_);
-    TaskTimePoint clock = steadyNow();
-    for (unsigned run = 1;; ++run) {
-        const bool last = run >= runsPerCallback_;
-        const RunOutcome outcome = runOne(last, &clock);
-        if (outcome == RunOutcome::usedQuantum && !last) {
-            // A long task has delayed the loop enough: let it serve events.
-            requestRunAfter(clock);
-        }
-        if (outcome != RunOutcome::ran || last) {
-            return;
-        }
-    }
+    runBatch(runsPerCallback_);
 }
 
 void TaskSchedulerRoot::runsPerCallbackIs(unsigned n) {
