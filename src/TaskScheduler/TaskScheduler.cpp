@@ -17,8 +17,9 @@ using Type = TaskSchedulerEventType;
 constexpr uint64_t bumpWeight[TaskPriority::oneBeyondLast] = {0, 64, 8, 1, 0};
 
 // attemptLowerPriorityBump() for queue p (valid) picked n times in a row; here
-// for the pick, which runs it on every run.
-bool lowerPriorityBumpDue(const TaskRunQueues& queues, unsigned p, uint64_t n) {
+// for the pick, which runs it on every run, inline.
+[[gnu::always_inline]] inline bool lowerPriorityBumpDue(const TaskRunQueues& queues, unsigned p,
+                                                        uint64_t n) {
     if (p != TaskPriority::high && p != TaskPriority::normal) {
         return false;
     }
