@@ -554,7 +554,7 @@ class KELVO_EXPORT TaskSchedulerRoot : public TaskScheduler, private Platform::C
     // time (at most n quanta).
     //
     // With n > 1 some figures are defined to save clock reads, each of which
-    // costs about as much as the rest of a tiny task's run:
+    // costs about a fifth of a tiny task's run:
     //  - a run starts at the previous run's end within a callback;
     //  - a task queued while a run of the callback is in progress (by that
     //    run, or by a task group's member runs inside it) is stamped with
