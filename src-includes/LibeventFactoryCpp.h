@@ -71,6 +71,11 @@ class KELVO_EXPORT LibeventTimerControl : public Platform::TimerControl {
     // libevent's callback; arg is the control.
     static void handleTimeout(evutil_socket_t fd, short what, void* arg);
 
+  protected:
+    // setTimeout(0): a deferred callback's every request, mostly on a timer
+    // that is idle, which then needs no delete, conversion or clock.
+    void setTimeoutNow();
+
   private:
     void arm(const timeval& relative);
 

@@ -162,16 +162,16 @@ class KELVO_EXPORT TaskSchedulerHistory {
         using value_type = Event;
         using size_type = size_t;
 
-        explicit Ring(unsigned capacity) : slots_(capacity) {}
+        explicit Ring(unsigned capacity) : slots_(capacity), capacity_(capacity) {}
 
         size_t size() const noexcept { return size_; }
-        size_t capacity() const noexcept { return slots_.size(); }
+        size_t capacity() const noexcept { return capacity_; }
         bool empty() const noexcept { return size_ == 0; }
-        bool full() const noexcept { return size_ == slots_.size(); }
+        bool full() const noexcept { return size_ == capacity_; }
         // The i-th newest event, i < size().
         const Event& operator[](size_t i) const noexcept {
             const size_t slot = front_ + i;
-            return slots_[slot < slots_.size() ? slot : slot - slots_.size()];
+            return slots_[slot < capacity_ ? slot : slot - capacity_];
         }
         const Event& front() const noexcept { return (*this)[0]; }
         const Event& back() const noexcept { return (*this)[size_ - 1]; }
@@ -182,6 +182,9 @@ class KELVO_EXPORT TaskSchedulerHistory {
         friend class TaskSchedulerHistory;
 
         std::vector<Event> slots_;
+        // slots_.size(), kept apart: recording reads it twice an event, and
+        // the vector's size costs a division by the slot size.
+        size_t capacity_;
         size_t front_ = 0;  // the newest event's slot
         size_t size_ = 0;
     };
@@ -199,7 +202,7 @@ class KELVO_EXPORT TaskSchedulerHistory {
     // caller's. On a full ring the new event takes the oldest one's slot.
     void insert(const TaskTimePoint& when, TaskSchedulerEventType type,
                 const ConstStringRef& name) {
-        const size_t capacity = events_.slots_.size();
+        const size_t capacity = events_.capacity_;
         if (capacity == 0) {
             return;
         }
@@ -430,6 +433,9 @@ class KELVO_EXPORT TaskScheduler : public std::enable_shared_from_this<TaskSched
     // runOne must follow at once, and may reuse the task's run reference. A
     // batch ends with a run that requests its follow-up or does not return ran.
     RunOutcome runOne(bool requestFollowUp, TaskTimePoint* start = nullptr);
+    // Up to runs runs in a row, as one loop callback: stops after a run that
+    // used its quantum (requesting the next callback) or found nothing to run.
+    void runBatch(unsigned runs);
     // Requests the next run, stamping its request time.
     void requestRunAfter(const TaskTimePoint& end);
     // Ends a reset under way (the reset task goes); called by destructors
@@ -442,7 +448,9 @@ class KELVO_EXPORT TaskScheduler : public std::enable_shared_from_this<TaskSched
 
     void runQueueAppend(TaskImpl& task, const TaskTimePoint& now);
     void runQueueUnlink(TaskImpl& task, const TaskTimePoint& now);
-    TaskImpl* pickFrom(TaskRunQueue& queue, const TaskTimePoint& now);
+    // The bodies of pickOneTask and runOne, defined where the run path uses them.
+    inline TaskImpl* pick(const TaskTimePoint& now, unsigned first);
+    inline RunOutcome runOneInline(bool requestFollowUp, TaskTimePoint* start);
     void clearStatsCommon();
     void handleResetStatsTaskRun(TaskImpl& resetTask);
     TaskRunQueue& queueOf(TaskPriority priority);
@@ -544,8 +552,20 @@ class KELVO_EXPORT TaskSchedulerRoot : public TaskScheduler, private Platform::C
     // timer re-arm) per task, which dominates the cost of tiny tasks, at the
     // price of delaying descriptor and timer events by up to n tasks' run
     // time (at most n quanta).
+    //
+    // With n > 1 some figures are defined to save clock reads, each of which
+    // costs about a fifth of a tiny task's run:
+    //  - a run starts at the previous run's end within a callback;
+    //  - a task queued while a run of the callback is in progress (by that
+    //    run, or by a task group's member runs inside it) is stamped with
+    //    that run's start, not with the time of the call: its "schedule"
+    //    history event carries that time, and its scheduling latency counts
+    //    from it, so it includes the rest of the run that queued it.
+    // With n = 1 every time is read when its event happens.
     void runsPerCallbackIs(unsigned n);
     unsigned runsPerCallback() const noexcept { return runsPerCallback_; }
+    // The time stamped on a task queued now (see runsPerCallbackIs).
+    TaskTimePoint scheduleStamp() const { return inBatch_ ? runStart() : steadyNow(); }
 
     unsigned historyEntryCount() const noexcept;
     void historyEntryCountIs(unsigned n);
@@ -615,6 +635,8 @@ class KELVO_EXPORT TaskSchedulerRoot : public TaskScheduler, private Platform::C
     unsigned seed_ = 0;
     double virtualRunStart_ = 0.0;
     unsigned runsPerCallback_ = 1;
+    // True inside a batched callback: runStart() is the run in progress's.
+    bool inBatch_ = false;
     std::function<TaskTimePoint()> steadyClockForTest_;
 };
 

@@ -346,7 +346,7 @@ LibeventTimerControl::~LibeventTimerControl() {
 
 void LibeventTimerControl::arm(const timeval& relative) {
     // Assigned once: an expired or deleted timer is added again as it is.
-    if (event_get_callback(&event_) != handleTimeout) {
+    if (event_.ev_evcallback.evcb_cb_union.evcb_callback != handleTimeout) {
         event_assign(&event_, ev_base, -1, 0, handleTimeout, this);
         eventPrioritySet(&event_, priority_);
     }
@@ -370,6 +370,17 @@ void LibeventTimerControl::setTimeout(double seconds) {
     // every request) reads no clock.
     expiry_ = now ? -infinity : Kelvo::time() + seconds;
     arm(relative);
+}
+
+void LibeventTimerControl::setTimeoutNow() {
+    if (event_.ev_evcallback.evcb_flags & (EVLIST_TIMEOUT | EVLIST_ACTIVE | EVLIST_ACTIVE_LATER)) {
+        setTimeout(0.0);
+        return;
+    }
+    KELVO_TRACEM(trace(), 9, "Timer {} set timeout {}", static_cast<void*>(this), 0.0);
+    static constexpr timeval zero = {0, 0};
+    expiry_ = -infinity;
+    arm(zero);
 }
 
 void LibeventTimerControl::delTimeout() {
@@ -441,7 +452,7 @@ LibeventCallbackControl::~LibeventCallbackControl() {
 
 void LibeventCallbackControl::requestCallback() {
     KELVO_TRACEM(trace(), 9, "Callback {} request", static_cast<void*>(this));
-    LibeventTimerControl::setTimeout(0.0);
+    LibeventTimerControl::setTimeoutNow();
 }
 
 void LibeventCallbackControl::cancelCallback() {

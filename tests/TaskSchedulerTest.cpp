@@ -718,6 +718,45 @@ TEST_F(Scheduler, ABatchStopsAtAQuantumUserOrAnEmptyQueueAndHoldsEachRun) {
                 HasSubstr("runsPerCallback: 0"));
 }
 
+// A task queued inside a run is stamped at the call with one run per
+// callback, and with that run's start in a batch (no clock read): its enqueue
+// time, its "schedule" event and its latency show which. Once the callback is
+// over, a task queued from outside is stamped at the call again.
+TEST_F(Scheduler, ABatchStampsTasksQueuedInARunWithThatRunsStart) {
+    driveClock();
+    const struct Case {
+        unsigned batch;
+        TaskTimeDuration stampedAfter, latency;
+    } cases[] = {{1, 2ms, 5ms}, {4, 0ms, 7ms}};
+    for (const Case& c : cases) {
+        root->runsPerCallbackIs(c.batch);
+        auto second = probe(root, P::normal, "second");
+        auto first = probe(root, P::high, "first", [&](Probe&) {
+            now += 2ms;
+            second->scheduleTask();
+            now += 5ms;
+        });
+        const TaskTimePoint start = now;
+        first->scheduleTask();
+        root->callback();
+        if (c.batch == 1)
+            root->callback();
+        EXPECT_EQ(second->runs, 1) << c.batch;
+        EXPECT_EQ(second->taskEnqueueTime(), start + c.stampedAfter) << c.batch;
+        EXPECT_EQ(second->getStats().taskLastSchedulingLatency(), c.latency) << c.batch;
+        const auto& history = root->history()->events();
+        const auto scheduled = std::find_if(history.begin(), history.end(), [](const auto& e) {
+            return e.display() == "schedule     second";
+        });
+        ASSERT_NE(scheduled, history.end()) << c.batch;
+        EXPECT_EQ(scheduled->time, start + c.stampedAfter) << c.batch;
+        now += 1ms;
+        second->scheduleTask();
+        EXPECT_EQ(second->taskEnqueueTime(), now) << c.batch;
+        second->unscheduleTask();
+    }
+}
+
 // A task no std::shared_ptr owns any more but that lives on (its owner's
 // deleter did not delete it) still runs, held by nothing.
 TEST_F(Scheduler, ATaskItsOwnersLetGoRunsUnheld) {

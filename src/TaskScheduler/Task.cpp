@@ -118,7 +118,7 @@ void TaskImpl::scheduleTask() {
     if (taskOnRunQueue()) {
         return;
     }
-    const TaskTimePoint now = s.steadyNow();
+    const TaskTimePoint now = s.root()->scheduleStamp();
     if (taskSuspended()) {
         taskHistoryInsert(now, Type::scheduleSus);
         return;

@@ -92,20 +92,14 @@ void TaskSchedulerRoot::callback() {
     if (isMainThread_ && Platform::fastForward() != virtualTime_) {
         virtualTimeIs(Platform::fastForward());
     }
-    // Each run of the batch starts at the previous one's end: the clock is
-    // read once per task, not twice.
-    TaskTimePoint clock = steadyNow();
-    for (unsigned run = 1;; ++run) {
-        const bool last = run >= runsPerCallback_;
-        const RunOutcome outcome = runOne(last, &clock);
-        if (outcome == RunOutcome::usedQuantum && !last) {
-            // A long task has delayed the loop enough: let it serve events.
-            requestRunAfter(clock);
-        }
-        if (outcome != RunOutcome::ran || last) {
-            return;
-        }
-    }
+    // Each run of the batch starts at the previous one's end, and tasks
+    // queued during a run are stamped with its start: one clock read a run.
+    struct BatchScope {
+        bool& inBatch;
+        explicit BatchScope(bool& flag) : inBatch(flag) { inBatch = true; }
+        ~BatchScope() { inBatch = false; }
+    } scope(inBatch_);
+    runBatch(runsPerCallback_);
 }
 
 void TaskSchedulerRoot::runsPerCallbackIs(unsigned n) {
