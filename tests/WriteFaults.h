@@ -30,7 +30,7 @@ class WriteFaults {
 
     void arm(int fd, Rates rates, uint32_t seed = 1) {
         rates_ = rates;
-        state_ = seed | 1;
+        state_ = seed;
         fd_.store(fd, std::memory_order_release);
     }
     void disarm() { fd_.store(-1, std::memory_order_release); }
@@ -54,14 +54,9 @@ class WriteFaults {
     }
 
   private:
-    // xorshift64: the object must be constant-initialised, since write() may
-    // be called before any dynamic initialisation of this program has run.
-    uint32_t next() {
-        state_ ^= state_ << 13;
-        state_ ^= state_ >> 7;
-        state_ ^= state_ << 17;
-        return static_cast<uint32_t>(state_ >> 32);
-    }
+    // A linear congruential generator: the object must be constant-initialised,
+    // since write() may be called before any dynamic initialisation has run.
+    uint32_t next() { return uint32_t((state_ = state_ * 6364136223846793005u + 1) >> 33); }
 
     std::atomic<int> fd_{-1};
     Rates rates_;
