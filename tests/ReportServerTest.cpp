@@ -97,11 +97,8 @@ class ReportServerTest : public ::testing::Test {
 // Every command answers; the flags add what json, text and metrics show.
 TEST_F(ReportServerTest, EveryCommandAnswersAndFlagsAddNeverRunAndCompletedTasks) {
     const std::vector<std::pair<std::string, std::string>> commands = {
-        {"json", "ReportTick"},
-        {"text", "ReportTick"},
-        {"metrics", "kelvo_task_runs_total{"},
-        {"history", "run start"},
-        {"timeline", "\"traceEvents\""},
+        {"json", "ReportTick"},   {"text", "ReportTick"},          {"metrics", "\n# EOF\n"},
+        {"history", "run start"}, {"timeline", "\"traceEvents\""},
     };
     for (const auto& [command, mark] : commands) {
         for (const auto& [flags, neverRan, done] :
@@ -116,6 +113,9 @@ TEST_F(ReportServerTest, EveryCommandAnswersAndFlagsAddNeverRunAndCompletedTasks
             EXPECT_EQ(got.find("ReportDone") != std::string::npos, done);
         }
     }
+    // The classic metrics form ends without the OpenMetrics terminator.
+    EXPECT_THAT(ask("metrics prometheus\n"),
+                AllOf(HasSubstr("kelvo_task_runs_total{"), Not(HasSubstr("# EOF"))));
     EXPECT_TRUE(allClosed());
 }
 
