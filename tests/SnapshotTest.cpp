@@ -9,13 +9,12 @@ namespace {
 
 using namespace Kelvo;
 using namespace std::chrono_literals;
-using KelvoTest::thrownMessage;
-using ::testing::HasSubstr;
+using namespace KelvoTest;
 using P = TaskPriority;
 
 // Every document a case produces passes through here.
 std::string valid(std::string json) {
-    EXPECT_EQ(KelvoTest::reportSchemaErrors(json), "") << json;
+    EXPECT_EQ(reportSchemaErrors(json), "") << json;
     return json;
 }
 
@@ -51,14 +50,11 @@ struct Work : Task {
     Work(std::shared_ptr<TaskScheduler> s, P p, const std::string& name,
          std::function<void(Work&)> run = {})
         : Task(std::move(s), p, name), body(std::move(run)) {}
-    void taskExecute() override {
-        if (body)
-            body(*this);
-    }
+    void taskExecute() override { body(*this); }
 };
 
 // A root on a clock of the case's own; no descriptor may leak.
-class Snapshot : public KelvoTest::OsTest {
+class Snapshot : public OsTest {
   protected:
     Snapshot() {
         root->steadyClockIsForTest([this] { return now; });
@@ -209,9 +205,9 @@ TEST_F(Snapshot, PrintContextsCollectSnapshotsIntoOneDocument) {
                                         R"("displayOrder":-2147483648,"isRootScheduler")") +
                                R"(,"r":)" + emptyScheduler("r") + "}}");
 
-    KelvoTest::CaptureStderr();
+    CaptureStderr();
     TaskScheduler::PrintContextIs(STDERR_FILENO, false);
-    EXPECT_EQ(valid(KelvoTest::GetCapturedStderr()), R"({"schedulers":{}})");
+    EXPECT_EQ(valid(GetCapturedStderr()), R"({"schedulers":{}})");
 }
 
 TEST_F(Snapshot, RendersOnAnyThreadButIsReleasedOnlyOnItsOwn) {
@@ -229,7 +225,7 @@ TEST_F(Snapshot, RendersOnAnyThreadButIsReleasedOnlyOnItsOwn) {
     EXPECT_THAT(wrongThread, HasSubstr("Executing in wrong thread"));
 
     for (bool sanityDisabled : {false, true}) {
-        const KelvoTest::ChildResult child = KelvoTest::runInChild(
+        const ChildResult child = runInChild(
             [&] {
                 auto r = schedulerRootKelvoNonShared("c");
                 r->threadSanityDisabledIs(sanityDisabled);
@@ -260,7 +256,7 @@ TEST(ReportSchema, RejectsWhatTheReportNeverWrites) {
         {R"("totalRunCount":0})", R"("totalRunCount":-1})"},
     };
     for (const auto& [from, to] : breaks)
-        EXPECT_NE(KelvoTest::reportSchemaErrors(replaced(good, from, to)), "") << to;
+        EXPECT_NE(reportSchemaErrors(replaced(good, from, to)), "") << to;
 }
 
 }  // namespace
