@@ -41,19 +41,17 @@ class RootReport : public OsTest {
     TaskTimePoint now = TaskTimePoint(1s);
     std::shared_ptr<TaskSchedulerRoot> root = schedulerRootKelvoNonShared("text");
     std::shared_ptr<SubScheduler> sub = std::make_shared<SubScheduler>(root.get());
-    std::shared_ptr<Worker> heavy, light, never, subtask;
+    std::shared_ptr<Worker> heavy = worker(root, P::normal, "heavy", 50ms);
+    std::shared_ptr<Worker> light = worker(root, P::high, "light", 1'999'900ns);  // MaxMs 1
+    std::shared_ptr<Worker> never = worker(root, P::low, "never", 0ms);
+    std::shared_ptr<Worker> subtask = worker(sub, P::scavenge, "subtask", 10ms);
 
     // On the root: light runs 3 ms late for 1.9999 ms, heavy 5 ms late for 50 ms
     // (a 200% violation), two tasks "gone" complete after 1 ms each and three
     // complete without a run. On sub: subtask, 10 ms. The slip is the 3 ms.
-    void SetUp() override {
-        OsTest::SetUp();
+    RootReport() {
         root->steadyClockIsForTest([this] { return now; });
-        heavy = worker(root, P::normal, "heavy", 50ms);
         heavy->work = 7;
-        light = worker(root, P::high, "light", 1'999'900ns);  // MaxMs truncates to 1
-        never = worker(root, P::low, "never", 0ms);
-        subtask = worker(sub, P::scavenge, "subtask", 10ms);
         subtask->work = 0;  // sets the high water: its cells print
         subtask->pending = 4;
         heavy->scheduleTask();
@@ -78,8 +76,9 @@ class RootReport : public OsTest {
 };
 
 // The whole layout: zero rows for absent priorities, the legend word for
-// word, the Completed legend line and table because a task completed.
-TEST_F(RootReport, MergesEverySchedulerHeaviestFirst) {
+// word, the Completed legend line and table because a task completed; then
+// the address column, the history and every output.
+TEST_F(RootReport, MergesEverySchedulerHeaviestFirstIntoEveryOutput) {
     EXPECT_EQ(
         root->statsRenderTextForDebugToString(false, false, true, false),
         "Priority RunnableCount     IdleCount DoneCount   TotalRunCount\n"
@@ -125,9 +124,7 @@ TEST_F(RootReport, MergesEverySchedulerHeaviestFirst) {
     EXPECT_THAT(all, EndsWith("\nnever     l          0         0.000  0.000   0.000    0    0"
                               "     0                                                \n"));
     EXPECT_THAT(all, Not(HasSubstr("Completed")));
-}
 
-TEST_F(RootReport, AddressesHistoryAndEveryOutput) {
     const std::string text = root->statsRenderTextForDebugToString(false, true, true, false);
     // The longest name with its address sets the column; the others pad to it.
     const std::string subtaskCell = "subtask" + TaskKey(subtask.get()).toStrep();
