@@ -1,7 +1,6 @@
 // The kelvo tool, run as a program against test daemons (and a scripted fake
 // server for answers no real daemon gives): what the operator sees on
 // standard output and error, and the exit status.
-#include <rapidjson/document.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -12,11 +11,9 @@ namespace {
 using namespace KelvoTest;
 
 #if defined(KELVO_TOOL) && defined(KELVO_TEST_REPORTD)
-constexpr const char* toolPath = KELVO_TOOL;
-constexpr const char* daemonPath = KELVO_TEST_REPORTD;
+constexpr const char *toolPath = KELVO_TOOL, *daemonPath = KELVO_TEST_REPORTD;
 #else
-constexpr const char* toolPath = nullptr;
-constexpr const char* daemonPath = nullptr;
+constexpr const char *toolPath = nullptr, *daemonPath = nullptr;
 #endif
 
 // A name no other run of this suite uses at the same time.
@@ -24,32 +21,27 @@ std::string uniqueName(const std::string& stem) {
     return stem + "-" + std::to_string(::getpid());
 }
 
-// A running kelvo-test-reportd, stopped (SIGTERM, then SIGKILL after 5
-// seconds) when the guard goes, whatever the test's outcome.
+// A running kelvo-test-reportd, serving once constructed and killed when the
+// guard goes, whatever the test's outcome.
 class Daemon {
   public:
     explicit Daemon(const std::string& name) {
         int out[2];
         if (::pipe2(out, O_CLOEXEC) != 0)
             throw std::runtime_error("pipe");
-        pid_ = ::fork();
-        if (pid_ == 0) {
+        if ((pid_ = ::fork()) == 0) {
             ::dup2(out[1], STDOUT_FILENO);
             ::execl(daemonPath, daemonPath, name.c_str(), nullptr);
             ::_exit(127);
         }
         ::close(out[1]);
-        std::string said;
-        char buffer[64];
+        // "ready\n" arrives in one write, or the daemon ends without it.
+        char said[8] = {};
         pollfd ready{out[0], POLLIN, 0};
-        while (said.find('\n') == std::string::npos && ::poll(&ready, 1, 10000) == 1) {
-            const ssize_t n = ::read(out[0], buffer, sizeof buffer);
-            if (n <= 0)
-                break;
-            said.append(buffer, size_t(n));
-        }
-        out_ = out[0];
-        if (said != "ready\n") {
+        const bool started = ::poll(&ready, 1, 10000) == 1 && ::read(out[0], said, 7) == 6 &&
+                             std::string(said) == "ready\n";
+        ::close(out[0]);
+        if (!started) {
             stop();
             throw std::runtime_error("daemon " + name + " did not start: '" + said + "'");
         }
@@ -57,41 +49,20 @@ class Daemon {
     ~Daemon() { stop(); }
     Daemon(const Daemon&) = delete;
     Daemon& operator=(const Daemon&) = delete;
-
     pid_t pid() const { return pid_; }
 
-    void stop() {
-        if (pid_ <= 0)
-            return;
-        ::kill(pid_, SIGTERM);
-        int status = 0;
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-        while (::waitpid(pid_, &status, WNOHANG) == 0) {
-            if (std::chrono::steady_clock::now() > deadline) {
-                ::kill(pid_, SIGKILL);
-                ::waitpid(pid_, &status, 0);
-                break;
-            }
-            ::poll(nullptr, 0, 10);
-        }
-        pid_ = -1;
-        ::close(out_);
-        out_ = -1;
-    }
-
   private:
+    void stop() {
+        ::kill(pid_, SIGKILL);
+        ::waitpid(pid_, nullptr, 0);
+    }
     pid_t pid_ = -1;
-    int out_ = -1;  // the daemon's stdout, open while it runs
 };
 
-// Runs kelvo with args; beforeExec runs in the child first (to drop
-// privileges, say).
-ChildResult kelvo(std::vector<std::string> args, const std::function<void()>& beforeExec = {}) {
+ChildResult kelvo(std::vector<std::string> args) {
     args.insert(args.begin(), toolPath);
     return runInChild(
         [&] {
-            if (beforeExec)
-                beforeExec();
             std::vector<char*> argv;
             for (auto& arg : args)
                 argv.push_back(arg.data());
@@ -104,10 +75,6 @@ ChildResult kelvo(std::vector<std::string> args, const std::function<void()>& be
 
 int exitCode(const ChildResult& result) {
     return WIFEXITED(result.status) ? WEXITSTATUS(result.status) : -1;
-}
-
-bool hasProgram(const char* name) {
-    return std::system(("command -v " + std::string(name) + " >/dev/null 2>&1").c_str()) == 0;
 }
 
 class KelvoTool : public ::testing::Test {
@@ -130,21 +97,15 @@ TEST_F(KelvoTool, ListShowsServingDaemonsAndForgetsStoppedOnes) {
                 ContainsRegex("\n" + pid + " +" + name + " +[0-9-]+ [0-9:]+ +0:00:[0-9]+ " +
                               daemonPath + " " + name + "\n"));
 
+    // One object per daemon, keys in this order.
     const ChildResult json = kelvo({"list", "--json"});
-    ASSERT_EQ(exitCode(json), 0) << json.text();
-    rapidjson::Document document;
-    document.Parse(json.out.c_str());
-    ASSERT_TRUE(!document.HasParseError() && document.IsArray()) << json.out;
-    const rapidjson::Value* entry = nullptr;
-    for (const auto& each : document.GetArray())
-        if (each["pid"].GetInt() == daemon->pid())
-            entry = &each;
-    ASSERT_NE(entry, nullptr) << json.out;
-    EXPECT_EQ(std::string((*entry)["name"].GetString()), name);
-    EXPECT_EQ(std::string((*entry)["socket"].GetString()), "kelvo-report." + name + "." + pid);
-    EXPECT_EQ(std::string((*entry)["commandLine"][1].GetString()), name);
-    EXPECT_THAT((*entry)["started"].GetString(), MatchesRegex("[0-9-]+T[0-9:]+Z"));
-    EXPECT_GE((*entry)["uptimeSeconds"].GetDouble(), 0);
+    EXPECT_THAT(json.out, StartsWith("[{\"pid\":"));
+    EXPECT_THAT(json.out,
+                ContainsRegex("\\{\"pid\":" + pid + ",\"name\":\"" + name +
+                              "\",\"socket\":\"kelvo-report\\." + name + "\\." + pid +
+                              "\",\"title\":\"[^\"]*\",\"commandLine\":\\[\"[^\"]+\",\"" + name +
+                              "\"\\],\"started\":\"[0-9-]+T[0-9:]+Z\","
+                              "\"uptimeSeconds\":[0-9.e+-]+\\}"));
 
     daemon.reset();
     const ChildResult after = kelvo({"list"});
@@ -156,56 +117,38 @@ TEST_F(KelvoTool, ListShowsServingDaemonsAndForgetsStoppedOnes) {
 TEST_F(KelvoTool, ReportsEveryKindByNameAndByPid) {
     const std::string name = uniqueName("report");
     Daemon daemon(name);
-    const std::string pid = std::to_string(daemon.pid());
-    struct Case {
-        std::vector<std::string> args;
-        std::function<void(const std::string&)> check;
-    };
-    const std::vector<Case> cases = {
-        {{"report", "TARGET"},
-         [](const std::string& out) {
-             rapidjson::Document document;
-             document.Parse(out.c_str());
-             ASSERT_FALSE(document.HasParseError()) << out;
-             EXPECT_TRUE(document["schedulers"].IsObject());
-             EXPECT_THAT(out, HasSubstr("\"name\":\"tick\""));
-         }},
-        {{"report", "TARGET", "--text", "--noruns"},
-         [](const std::string& out) {
-             EXPECT_THAT(out, StartsWith("Priority"));
-             EXPECT_THAT(out, HasSubstr("housekeeping"));
-         }},
+    using Patterns = std::vector<std::string>;
+    const std::vector<std::pair<std::vector<std::string>, Patterns>> cases = {
+        {{"report", "TARGET"}, {"^\\{\"schedulers\":\\{", "\"name\":\"tick\"", "\\}\n?$"}},
+        {{"report", "TARGET", "--text", "--noruns"}, {"^Priority ", "\nhousekeeping "}},
         // The request's own events can fill the ring, so look for those.
         {{"report", "--history", "TARGET"},
-         [](const std::string& out) {
-             EXPECT_THAT(out, StartsWith("Last 100 scheduler events"));
-             EXPECT_THAT(out, HasSubstr("run start    ReportServer:request"));
-         }},
+         {"^Last 100 scheduler events", "run start    ReportServer:request"}},
         {{"metrics", "TARGET", "--completed"},
-         [](const std::string& out) {
-             EXPECT_THAT(out, ContainsRegex("kelvo_task_runs_total\\{[^}]*task=\"tick\""));
-             EXPECT_THAT(out, HasSubstr("task=\"flush \\\"spool\\\"\""));
-             EXPECT_THAT(out, EndsWith("# EOF\n"));
-         }},
+         {"kelvo_task_runs_total\\{[^}]*task=\"tick\"", "task=\"flush \\\\\"spool\\\\\"\"",
+          "# EOF\n$"}},
     };
-    for (const Case& c : cases) {
-        for (const std::string& target : {name, pid}) {
-            std::vector<std::string> args = c.args;
+    for (const auto& [command, patterns] : cases) {
+        for (const std::string& target : {name, std::to_string(daemon.pid())}) {
+            std::vector<std::string> args = command;
             std::replace(args.begin(), args.end(), std::string("TARGET"), target);
             SCOPED_TRACE(::testing::PrintToString(args));
             const ChildResult result = kelvo(args);
             ASSERT_EQ(exitCode(result), 0) << result.text();
             EXPECT_EQ(result.err, "");
-            c.check(result.out);
+            for (const std::string& pattern : patterns)
+                EXPECT_THAT(result.out, ContainsRegex(pattern));
         }
     }
 }
 
+// The page's content is the renderer's, checked with it; here the tool
+// writes each format where it is told to.
 TEST_F(KelvoTool, TimelineWritesTraceEventsOrAPage) {
     const std::string name = uniqueName("timeline");
     Daemon daemon(name);
-    const std::string dir = ::testing::TempDir();
-    const std::string json = dir + "/" + name + ".json", html = dir + "/" + name + ".html";
+    const std::string json = ::testing::TempDir() + "/" + name + ".json";
+    const std::string html = ::testing::TempDir() + "/" + name + ".html";
 
     const ChildResult events = kelvo({"timeline", name, "-o", json});
     ASSERT_EQ(exitCode(events), 0) << events.text();
@@ -219,11 +162,8 @@ TEST_F(KelvoTool, TimelineWritesTraceEventsOrAPage) {
 
     const ChildResult page = kelvo({"timeline", "--html", name, "-o", html});
     ASSERT_EQ(exitCode(page), 0) << page.text();
-    const std::string text = readFile(html);
-    EXPECT_THAT(text, StartsWith("<!DOCTYPE html>"));
-    EXPECT_THAT(text, HasSubstr("<title>kelvo timeline: " + name));
-    EXPECT_THAT(text, HasSubstr("<svg"));
-    EXPECT_THAT(text, Not(HasSubstr("<script")));
+    EXPECT_THAT(readFile(html),
+                AllOf(StartsWith("<!DOCTYPE html>"), HasSubstr("<title>kelvo timeline: " + name)));
     std::filesystem::remove(json);
     std::filesystem::remove(html);
 }
@@ -250,20 +190,15 @@ TEST_F(KelvoTool, FailuresAreOneLineAndAnExitStatus) {
     Daemon first(twin), second(twin);
     const std::string firstPid = std::to_string(first.pid()),
                       secondPid = std::to_string(second.pid());
-    const pid_t low = std::min(first.pid(), second.pid()),
-                high = std::max(first.pid(), second.pid());
-    struct Case {
-        std::vector<std::string> args;
-        int exit;
-        std::string err;
-    };
-    const std::vector<Case> cases = {
+    const auto low = std::min(first.pid(), second.pid()),
+               high = std::max(first.pid(), second.pid());
+    const std::vector<std::tuple<std::vector<std::string>, int, std::string>> cases = {
         {{"report", "no-such-daemon"}, 1, "kelvo: no-such-daemon: no such daemon\n"},
         {{"metrics", "1"}, 1, "kelvo: 1: no such daemon\n"},
         {{"top", twin},
          1,
-         "kelvo: " + twin + ": several daemons match: " + twin + " (pid " + std::to_string(low) +
-             "), " + twin + " (pid " + std::to_string(high) + ")\n"},
+         fmt::format("kelvo: {0}: several daemons match: {0} (pid {1}), {0} (pid {2})\n", twin, low,
+                     high)},
         {{"report"}, 2, "kelvo: report: which daemon? (kelvo report <name|pid>)\n"},
         {{"report", firstPid, "--xml"}, 2, "kelvo: report: unknown option '--xml'\n"},
         {{"report", firstPid, secondPid},
@@ -275,49 +210,32 @@ TEST_F(KelvoTool, FailuresAreOneLineAndAnExitStatus) {
         {{"list", "extra"}, 2, "kelvo: list: unknown argument 'extra'\n"},
         {{"stats"}, 2, "kelvo: unknown command 'stats' (see kelvo --help)\n"},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(::testing::PrintToString(c.args));
-        const ChildResult result = kelvo(c.args);
-        EXPECT_EQ(exitCode(result), c.exit);
-        EXPECT_EQ(result.err, c.err);
-        EXPECT_EQ(result.out, "");
+    for (const auto& [args, exit, err] : cases) {
+        const ChildResult result = kelvo(args);
+        EXPECT_EQ(exitCode(result), exit) << err;
+        EXPECT_EQ(result.err, err);
+        EXPECT_EQ(result.out, "") << err;
     }
 }
 
 TEST_F(KelvoTool, EveryCommandHasHelp) {
+    const ChildResult all = kelvo({"--help"});
+    EXPECT_EQ(exitCode(all), 0);
     for (const std::string command : {"list", "report", "top", "timeline", "metrics"}) {
         const ChildResult result = kelvo({command, "--help"});
         EXPECT_EQ(exitCode(result), 0) << command;
         EXPECT_THAT(result.out, StartsWith("usage: kelvo " + command)) << command;
+        EXPECT_THAT(all.out, HasSubstr("\n  " + command + " ")) << command;
     }
-    const ChildResult top = kelvo({"--help"});
-    EXPECT_EQ(exitCode(top), 0);
-    for (const std::string command : {"list", "report", "top", "timeline", "metrics"})
-        EXPECT_THAT(top.out, HasSubstr("\n  " + command + " ")) << command;
-}
-
-TEST_F(KelvoTool, AnotherUsersRequestIsRefused) {
-    if (::geteuid() != 0)
-        GTEST_SKIP() << "needs root to run the tool as another user";
-    const std::string name = uniqueName("guarded");
-    Daemon daemon(name);
-    const ChildResult result = kelvo({"report", name}, [] {
-        if (::setgid(65534) != 0 || ::setuid(65534) != 0)
-            ::_exit(childSkipped);
-    });
-    EXPECT_EQ(exitCode(result), 1);
-    EXPECT_EQ(result.err, "kelvo: " + name + ": refused\n");
-    EXPECT_EQ(result.out, "");
 }
 
 // A scripted server, for answers a real daemon gives rarely or never: it
-// takes one connection, reads the request and sends the given pieces apart.
+// takes one connection, reads the request, sends the pieces apart and hangs
+// up; a silent one holds the connection until the client lets it go.
 class FakeServer {
   public:
-    FakeServer(const std::string& name, std::vector<std::string> pieces, bool answer = true)
-        : name_(name) {
-        const auto handle = Kelvo::Platform::getDebugHandler("KelvoToolTest");
-        auto& h = *handle;
+    FakeServer(const std::string& name, std::vector<std::string> pieces, bool silent) {
+        auto& h = *Kelvo::Platform::getDebugHandler("KelvoToolTest");
         listener_ = Kelvo::Util::socket(h, AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_un address{};
         const int length = Kelvo::Util::createSockaddr(
@@ -325,20 +243,22 @@ class FakeServer {
         if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
             ::listen(listener_, 4) != 0)
             throw std::runtime_error("fake server: " + std::string(std::strerror(errno)));
-        if (!answer)
-            return;  // connections wait in the backlog, never accepted
-        thread_ = std::thread([this, pieces = std::move(pieces)] {
-            const int client = ::accept(listener_, nullptr, nullptr);
+        thread_ = std::thread([this, pieces = std::move(pieces), silent] {
+            pollfd ready{listener_, POLLIN, 0};
+            if (::poll(&ready, 1, 30000) != 1)
+                return;
+            ready.fd = ::accept(listener_, nullptr, nullptr);
             char request[300];
-            pollfd readable{client, POLLIN, 0};
-            if (::poll(&readable, 1, 10000) == 1)
+            if (::poll(&ready, 1, 10000) == 1)
                 request_.assign(request,
-                                std::max<ssize_t>(0, ::read(client, request, sizeof request)));
+                                std::max<ssize_t>(0, ::read(ready.fd, request, sizeof request)));
             for (const std::string& piece : pieces) {
-                ::send(client, piece.data(), piece.size(), MSG_NOSIGNAL);
+                ::send(ready.fd, piece.data(), piece.size(), MSG_NOSIGNAL);
                 ::poll(nullptr, 0, 20);
             }
-            ::close(client);
+            if (silent)
+                ::poll(&ready, 1, 30000);
+            ::close(ready.fd);
         });
     }
     ~FakeServer() {
@@ -352,19 +272,20 @@ class FakeServer {
     }
 
   private:
-    std::string name_;
     int listener_ = -1;
     std::thread thread_;
     std::string request_;
 };
 
 // The tool holds an answer back until its first line is known not to be an
-// error, however the line is cut into pieces.
+// error, however the line is cut into pieces; a server that never answers
+// costs it its no-progress limit (10 seconds), not forever.
 TEST_F(KelvoTool, ErrorLinesAreToldFromReportsAcrossPieces) {
     struct Case {
         std::vector<std::string> pieces;
         int exit;
         std::string out, err;
+        bool silent = false;
     };
     const std::string name = uniqueName("fake");
     const std::vector<Case> cases = {
@@ -375,11 +296,14 @@ TEST_F(KelvoTool, ErrorLinesAreToldFromReportsAcrossPieces) {
         {{"e"}, 0, "e", ""},
         {{"{\"schedulers\"", ":{}}\n"}, 0, "{\"schedulers\":{}}\n", ""},
         {{}, 1, "", "kelvo: " + name + ": closed without an answer\n"},
+        {{}, 1, "", "kelvo: " + name + ": timed out\n", true},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(::testing::PrintToString(c.pieces));
-        FakeServer server(name, c.pieces);
+        SCOPED_TRACE(::testing::PrintToString(c.pieces) + c.err);
+        FakeServer server(name, c.pieces, c.silent);
+        const auto start = std::chrono::steady_clock::now();
         const ChildResult result = kelvo({"report", name, "--text", "--completed"});
+        EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(c.silent ? 9 : 0));
         EXPECT_EQ(server.request(), "text completed\n");
         EXPECT_EQ(exitCode(result), c.exit);
         EXPECT_EQ(result.out, c.out);
@@ -387,44 +311,23 @@ TEST_F(KelvoTool, ErrorLinesAreToldFromReportsAcrossPieces) {
     }
 }
 
-// A server that never answers costs the tool its no-progress limit (10
-// seconds), not forever.
-TEST_F(KelvoTool, ASilentServerTimesOut) {
-    const std::string name = uniqueName("silent");
-    FakeServer server(name, {}, false);
-    const auto start = std::chrono::steady_clock::now();
-    const ChildResult result = kelvo({"metrics", name});
-    const double took =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    EXPECT_EQ(exitCode(result), 1);
-    EXPECT_EQ(result.err, "kelvo: " + name + ": timed out\n");
-    EXPECT_GE(took, 9.5);
-}
-
-// tmux's pane as text, or "" when tmux fails.
+// tmux's output, or "" when tmux fails.
 std::string tmux(const std::string& socket, const std::string& args) {
     const std::string command = "tmux -L " + socket + " -f /dev/null " + args;
-    std::string out;
-    if (FILE* pipe = ::popen(command.c_str(), "r")) {
-        char buffer[4096];
-        for (size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
-            out.append(buffer, n);
-        ::pclose(pipe);
-    }
-    return out;
+    return runInChild([&] { return std::system(command.c_str()) == 0 ? 0 : 1; }).out;
 }
 
 // top on a real terminal: a full-screen frame with the daemon's tasks, and
 // after q or Ctrl-C the shell's screen back as it was, echoing again.
 TEST_F(KelvoTool, TopOnATerminalQuitsAndRestoresTheScreen) {
-    if (!hasProgram("tmux"))
+    if (std::system("command -v tmux >/dev/null 2>&1") != 0)
         GTEST_SKIP() << "tmux is not installed";
     const std::string name = uniqueName("screen");
     Daemon daemon(name);
     for (const std::string quit : {"q", "C-c"}) {
         SCOPED_TRACE(quit);
         // A server of its own per case: the last one may still be exiting.
-        const std::string socket = uniqueName(quit == "q" ? "kelvo-top-q" : "kelvo-top-c");
+        const std::string socket = uniqueName("kelvo-top-" + quit);
         tmux(socket, "new-session -d -x 120 -y 40 sh");
         struct Session {
             std::string socket;
@@ -453,8 +356,7 @@ TEST_F(KelvoTool, TopOnATerminalQuitsAndRestoresTheScreen) {
         ASSERT_TRUE(waitFor("before-top\n")) << pane();
         // Typed text shows again only if echo is back on.
         tmux(socket, "send-keys 'echo top-exit=$?' Enter");
-        const std::string status = quit == "q" ? "top-exit=0\n" : "top-exit=130\n";
-        ASSERT_TRUE(waitFor(status)) << pane();
+        ASSERT_TRUE(waitFor(quit == "q" ? "top-exit=0\n" : "top-exit=130\n")) << pane();
         const std::string after = pane();
         EXPECT_THAT(after, HasSubstr("echo top-exit=$?\n"));
         EXPECT_THAT(after, Not(HasSubstr("housekeeping")));
