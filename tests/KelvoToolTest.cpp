@@ -113,10 +113,14 @@ TEST_F(KelvoTool, ListShowsServingDaemonsAndForgetsStoppedOnes) {
     EXPECT_THAT(after.out, Not(HasSubstr(" " + name + " ")));
 }
 
-// Every kind of answer, asked for by name and by pid.
+// Every kind of answer, asked for by name and by pid, off a terminal: no
+// escape sequences, top's frames plain, the first counted from the tasks'
+// start and the next over the interval.
 TEST_F(KelvoTool, ReportsEveryKindByNameAndByPid) {
     const std::string name = uniqueName("report");
     Daemon daemon(name);
+    const std::string pid = std::to_string(daemon.pid());
+    const std::string top = "kelvo top - " + name + " \\(pid " + pid + "\\)  [0-9:]+  ";
     using Patterns = std::vector<std::string>;
     const std::vector<std::pair<std::vector<std::string>, Patterns>> cases = {
         {{"report", "TARGET"}, {"^\\{\"schedulers\":\\{", "\"name\":\"tick\"", "\\}\n?$"}},
@@ -127,60 +131,31 @@ TEST_F(KelvoTool, ReportsEveryKindByNameAndByPid) {
         {{"metrics", "TARGET", "--completed"},
          {"kelvo_task_runs_total\\{[^}]*task=\"tick\"", "task=\"flush \\\\\"spool\\\\\"\"",
           "# EOF\n$"}},
+        {{"timeline", "TARGET", "-o", "-"},
+         {"^\\{\"traceEvents\":\\[", "\"name\":\"tick\",\"ph\":\"X\""}},
+        {{"timeline", "--html", "TARGET", "-o", "-"},
+         {"^<!DOCTYPE html>", "<title>kelvo timeline: " + name + " \\(pid " + pid + "\\)"}},
+        {{"top", "TARGET", "-n", "2", "-d", "0.2"},
+         {"^" + top + "since start", "\n" + top + "interval 0\\.[0-9]+ s.*\ntick +main +high "}},
     };
     for (const auto& [command, patterns] : cases) {
-        for (const std::string& target : {name, std::to_string(daemon.pid())}) {
+        for (const std::string& target : {name, pid}) {
             std::vector<std::string> args = command;
             std::replace(args.begin(), args.end(), std::string("TARGET"), target);
             SCOPED_TRACE(::testing::PrintToString(args));
             const ChildResult result = kelvo(args);
             ASSERT_EQ(exitCode(result), 0) << result.text();
             EXPECT_EQ(result.err, "");
+            EXPECT_THAT(result.out, Not(HasSubstr("\x1b")));
             for (const std::string& pattern : patterns)
                 EXPECT_THAT(result.out, ContainsRegex(pattern));
         }
     }
-}
-
-// The page's content is the renderer's, checked with it; here the tool
-// writes each format where it is told to.
-TEST_F(KelvoTool, TimelineWritesTraceEventsOrAPage) {
-    const std::string name = uniqueName("timeline");
-    Daemon daemon(name);
-    const std::string json = ::testing::TempDir() + "/" + name + ".json";
-    const std::string html = ::testing::TempDir() + "/" + name + ".html";
-
-    const ChildResult events = kelvo({"timeline", name, "-o", json});
-    ASSERT_EQ(exitCode(events), 0) << events.text();
-    rapidjson::Document document;
-    document.Parse(readFile(json).c_str());
-    ASSERT_FALSE(document.HasParseError());
-    bool tickRan = false;
-    for (const auto& event : document["traceEvents"].GetArray())
-        tickRan |= event["ph"] == "X" && event["name"] == "tick";
-    EXPECT_TRUE(tickRan);
-
-    const ChildResult page = kelvo({"timeline", "--html", name, "-o", html});
-    ASSERT_EQ(exitCode(page), 0) << page.text();
-    EXPECT_THAT(readFile(html),
-                AllOf(StartsWith("<!DOCTYPE html>"), HasSubstr("<title>kelvo timeline: " + name)));
-    std::filesystem::remove(json);
-    std::filesystem::remove(html);
-}
-
-// Off a terminal, top prints plain frames: the first counted from the
-// tasks' start, the next over the interval.
-TEST_F(KelvoTool, TopOffATerminalPrintsPlainFrames) {
-    const std::string name = uniqueName("frames");
-    Daemon daemon(name);
-    const ChildResult result = kelvo({"top", name, "-n", "2", "-d", "0.2"});
-    ASSERT_EQ(exitCode(result), 0) << result.text();
-    EXPECT_THAT(result.out, Not(HasSubstr("\x1b")));
-    const size_t second = result.out.find("kelvo top - " + name, 1);
-    ASSERT_NE(second, std::string::npos) << result.out;
-    EXPECT_THAT(result.out.substr(0, second), HasSubstr("since start"));
-    EXPECT_THAT(result.out.substr(second), ContainsRegex("interval 0\\.[0-9]+ s"));
-    EXPECT_THAT(result.out.substr(second), ContainsRegex("\ntick +main +high "));
+    // -o FILE writes there, not to standard output.
+    const std::string file = ::testing::TempDir() + "/" + name + ".json";
+    EXPECT_EQ(kelvo({"timeline", name, "-o", file}).text(), "exit 0");
+    EXPECT_THAT(readFile(file), StartsWith("{\"traceEvents\":["));
+    std::filesystem::remove(file);
 }
 
 // Every way a request fails is one line on stderr, nothing on stdout, and a

@@ -4,23 +4,19 @@
 // as KELVO_CMAKE_VERSION and KELVO_DEBIAN_CHANGELOG.
 #include "TestSupport.h"
 
+#include <regex>
+
 namespace {
 
 // "libkelvo (1:0.1.0-1) unstable; ..." -> "0.1.0": no epoch, no Debian
 // revision (after the last '-'); a native version has none.
 std::string changelogUpstreamVersion(const std::string& path) {
-    std::ifstream in(path);
     std::string line;
-    std::getline(in, line);
-    const auto open = line.find('('), close = line.find(')');
-    if (open == std::string::npos || close < open)
+    std::getline(std::ifstream(path), line);
+    std::smatch version;
+    if (!std::regex_search(line, version, std::regex(R"(\((?:[0-9]+:)?(.+?)(?:-[^-)]*)?\))")))
         return "unreadable first line: '" + line + "'";
-    std::string version = line.substr(open + 1, close - open - 1);
-    if (const auto colon = version.find(':'); colon != std::string::npos)
-        version.erase(0, colon + 1);
-    if (const auto dash = version.rfind('-'); dash != std::string::npos)
-        version.erase(dash);
-    return version;
+    return version[1];
 }
 
 }  // namespace
