@@ -12,51 +12,35 @@ using namespace KelvoTest;
 
 #if defined(KELVO_TOOL) && defined(KELVO_TEST_REPORTD)
 constexpr const char *toolPath = KELVO_TOOL, *daemonPath = KELVO_TEST_REPORTD;
-#else
-constexpr const char *toolPath = nullptr, *daemonPath = nullptr;
-#endif
 
-// A name no other run of this suite uses at the same time.
-std::string uniqueName(const std::string& stem) {
-    return stem + "-" + std::to_string(::getpid());
-}
+// Makes names no other run of this suite uses at the same time.
+const std::string unique = "-" + std::to_string(::getpid());
 
-// A running kelvo-test-reportd, serving once constructed and killed when the
-// guard goes, whatever the test's outcome.
-class Daemon {
-  public:
+// A running kelvo-test-reportd, killed when the guard goes.
+struct Daemon {
+    pid_t pid = -1;
     explicit Daemon(const std::string& name) {
         int out[2];
-        if (::pipe2(out, O_CLOEXEC) != 0)
-            throw std::runtime_error("pipe");
-        if ((pid_ = ::fork()) == 0) {
+        EXPECT_EQ(::pipe2(out, O_CLOEXEC), 0);
+        if ((pid = ::fork()) == 0) {
             ::dup2(out[1], STDOUT_FILENO);
             ::execl(daemonPath, daemonPath, name.c_str(), nullptr);
             ::_exit(127);
         }
         ::close(out[1]);
-        // "ready\n" arrives in one write, or the daemon ends without it.
+        // "ready\n" arrives in one write once it serves, or the daemon ends
+        // without it.
         char said[8] = {};
         pollfd ready{out[0], POLLIN, 0};
-        const bool started = ::poll(&ready, 1, 10000) == 1 && ::read(out[0], said, 7) == 6 &&
-                             std::string(said) == "ready\n";
+        EXPECT_TRUE(::poll(&ready, 1, 10000) == 1 && ::read(out[0], said, 7) > 0);
+        EXPECT_STREQ(said, "ready\n") << name;
         ::close(out[0]);
-        if (!started) {
-            stop();
-            throw std::runtime_error("daemon " + name + " did not start: '" + said + "'");
-        }
     }
-    ~Daemon() { stop(); }
+    ~Daemon() {
+        ::kill(pid, SIGKILL);
+        ::waitpid(pid, nullptr, 0);
+    }
     Daemon(const Daemon&) = delete;
-    Daemon& operator=(const Daemon&) = delete;
-    pid_t pid() const { return pid_; }
-
-  private:
-    void stop() {
-        ::kill(pid_, SIGKILL);
-        ::waitpid(pid_, nullptr, 0);
-    }
-    pid_t pid_ = -1;
 };
 
 ChildResult kelvo(std::vector<std::string> args) {
@@ -73,29 +57,17 @@ ChildResult kelvo(std::vector<std::string> args) {
         true);
 }
 
-int exitCode(const ChildResult& result) {
-    return WIFEXITED(result.status) ? WEXITSTATUS(result.status) : -1;
-}
-
-class KelvoTool : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        if (!toolPath)
-            GTEST_SKIP() << "the kelvo tool or the test daemon is not built";
-    }
-};
-
 // Every command line, each row asked by name and by pid where it names
 // TARGET: exit status, the patterns standard output must contain (none: it
 // must be empty) and standard error exactly. Off a terminal there are no
 // escape sequences and top's frames are plain, the first counted from the
 // tasks' start and the next over the interval.
-TEST_F(KelvoTool, EveryCommandLineGetsItsAnswerOrOneErrorLine) {
-    const std::string name = uniqueName("report"), twin = uniqueName("twin");
+TEST(KelvoTool, EveryCommandLineGetsItsAnswerOrOneErrorLine) {
+    const std::string name = "report" + unique, twin = "twin" + unique;
     auto solo = std::make_unique<Daemon>(name);
     Daemon first(twin), second(twin);
-    const std::string pid = std::to_string(solo->pid()), otherPid = std::to_string(first.pid());
-    const auto [low, high] = std::minmax({first.pid(), second.pid()});
+    const std::string pid = std::to_string(solo->pid), otherPid = std::to_string(first.pid);
+    const auto [low, high] = std::minmax({first.pid, second.pid});
     const std::string top = "kelvo top - " + name + " \\(pid " + pid + "\\)  [0-9:]+  ";
     struct Case {
         std::vector<std::string> args;
@@ -165,7 +137,7 @@ TEST_F(KelvoTool, EveryCommandLineGetsItsAnswerOrOneErrorLine) {
             std::replace(args.begin(), args.end(), std::string("TARGET"), target);
             SCOPED_TRACE(::testing::PrintToString(args));
             const ChildResult result = kelvo(args);
-            EXPECT_EQ(exitCode(result), c.exit) << result.text();
+            EXPECT_THAT(result.text(), EndsWith("exit " + std::to_string(c.exit)));
             EXPECT_EQ(result.err, c.err);
             EXPECT_THAT(result.out, Not(HasSubstr("\x1b")));
             if (c.out.empty()) {
@@ -223,14 +195,14 @@ std::pair<std::string, ChildResult> askFake(const std::string& name,
 // The tool holds an answer back until its first line is known not to be an
 // error, however the line is cut into pieces; a server that never answers
 // costs it its no-progress limit (10 seconds), not forever.
-TEST_F(KelvoTool, ErrorLinesAreToldFromReportsAcrossPieces) {
+TEST(KelvoTool, ErrorLinesAreToldFromReportsAcrossPieces) {
     struct Case {
         std::vector<std::string> pieces;
         int exit;
         std::string out, err;
         bool silent = false;
     };
-    const std::string name = uniqueName("fake");
+    const std::string name = "fake" + unique;
     const std::vector<Case> cases = {
         {{"error: busy\n"}, 1, "", "kelvo: " + name + ": busy\n"},
         {{"err", "or: re", "fused\n"}, 1, "", "kelvo: " + name + ": refused\n"},
@@ -247,7 +219,7 @@ TEST_F(KelvoTool, ErrorLinesAreToldFromReportsAcrossPieces) {
         const auto [request, result] = askFake(name, c.pieces, c.silent);
         EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(c.silent ? 9 : 0));
         EXPECT_EQ(request, "text completed\n");
-        EXPECT_EQ(exitCode(result), c.exit);
+        EXPECT_THAT(result.text(), EndsWith("exit " + std::to_string(c.exit)));
         EXPECT_EQ(result.out, c.out);
         EXPECT_EQ(result.err, c.err);
     }
@@ -261,15 +233,15 @@ std::string tmux(const std::string& socket, const std::string& args) {
 
 // top on a real terminal: a full-screen frame with the daemon's tasks, and
 // after q or Ctrl-C the shell's screen back as it was, echoing again.
-TEST_F(KelvoTool, TopOnATerminalQuitsAndRestoresTheScreen) {
+TEST(KelvoTool, TopOnATerminalQuitsAndRestoresTheScreen) {
     if (std::system("command -v tmux >/dev/null 2>&1") != 0)
         GTEST_SKIP() << "tmux is not installed";
-    const std::string name = uniqueName("screen");
+    const std::string name = "screen" + unique;
     Daemon daemon(name);
     for (const std::string quit : {"q", "C-c"}) {
         SCOPED_TRACE(quit);
         // A server of its own per case: the last one may still be exiting.
-        const std::string socket = uniqueName("kelvo-top-" + quit);
+        const std::string socket = "kelvo-top-" + quit + unique;
         tmux(socket, "new-session -d -x 120 -y 40 sh");
         struct Session {
             std::string socket;
@@ -298,5 +270,11 @@ TEST_F(KelvoTool, TopOnATerminalQuitsAndRestoresTheScreen) {
         EXPECT_THAT(after, Not(HasSubstr("housekeeping")));
     }
 }
+
+#else
+TEST(KelvoTool, NeedsTheToolAndTheTestDaemon) {
+    GTEST_SKIP() << "the kelvo tool or the test daemon is not built";
+}
+#endif
 
 }  // namespace
