@@ -19,32 +19,20 @@ using namespace ::testing;
 using Kelvo::Platform::fastForward;
 
 // ---------------------------------------------------------------------------
-// Fast-forward fixture and scopes
+// Fast-forward, the test-yield ratio and runLoopUntil
 
-// Run only as the child program of LeavesFastForwardOffAfterAFailingTest.
-class TestKitChild : public TestKit::FastForwardTest {};
-TEST_F(TestKitChild, DISABLED_FailsFatally) {
-    ASSERT_TRUE(fastForward());
-    FAIL() << "deliberate failure";
-}
-TEST(TestKitChildNext, DISABLED_FindsFastForwardOff) {
+// GoogleTest runs TearDown after a failed or throwing test as well.
+TEST(TestKitFixture, TearDownTurnsFastForwardOff) {
+    struct Fixture : FastForwardTest {
+        void TestBody() override {}
+        void run() {
+            SetUp();
+            EXPECT_TRUE(fastForward());
+            TearDown();
+        }
+    } fixture;
+    fixture.run();
     EXPECT_FALSE(fastForward());
-}
-
-TEST(TestKitFixture, LeavesFastForwardOffAfterAFailingTest) {
-    const std::string command = fmt::format(
-        "/proc/{}/exe --gtest_also_run_disabled_tests "
-        "--gtest_filter=TestKitChild.*:TestKitChildNext.* 2>&1",
-        ::getpid());
-    FILE* child = ::popen(command.c_str(), "r");
-    ASSERT_NE(child, nullptr);
-    std::string output;
-    char buffer[4096];
-    for (size_t n; (n = std::fread(buffer, 1, sizeof buffer, child)) > 0;)
-        output.append(buffer, n);
-    EXPECT_NE(::pclose(child), 0) << output;
-    EXPECT_THAT(output, HasSubstr("[  FAILED  ] TestKitChild.DISABLED_FailsFatally ("));
-    EXPECT_THAT(output, HasSubstr("[       OK ] TestKitChildNext.DISABLED_FindsFastForwardOff"));
 }
 
 struct Idle : Task {
@@ -52,34 +40,20 @@ struct Idle : Task {
     void taskExecute() override {}
 };
 
-// Each scope puts back what it found, not a default: off, on or 7.
-TEST(TestKitScopes, ScopesNestAndRestoreWhatTheyFound) {
-    ASSERT_FALSE(fastForward());
-    {
-        FastForwardScope on;
-        {
-            FastForwardScope off(false);
-            EXPECT_FALSE(fastForward());
-        }
-        EXPECT_TRUE(fastForward());
-    }
-    EXPECT_FALSE(fastForward());
-
+// Each scope puts back what it found, not a default.
+TEST(TestKitScopes, TestYieldRatioScopesNestAndRestoreWhatTheyFound) {
     Idle task(schedulerRootKelvoNonShared("testkit"), TaskPriority::normal, "task");
     task.taskTestYieldRatioIs(7);
     {
-        TestKit::TestYieldRatioScope outer(task, 3);
+        TestYieldRatioScope outer(task, 3);
         {
-            TestKit::TestYieldRatioScope inner(task, 0);
+            TestYieldRatioScope inner(task, 0);
             EXPECT_EQ(task.taskTestYieldRatio(), 0);
         }
         EXPECT_EQ(task.taskTestYieldRatio(), 3);
     }
     EXPECT_EQ(task.taskTestYieldRatio(), 7);
 }
-
-// ---------------------------------------------------------------------------
-// runLoopUntil
 
 // Re-arms itself every period seconds and counts its expiries.
 struct Ticker : Platform::TimeoutHandler {
@@ -94,65 +68,66 @@ struct Ticker : Platform::TimeoutHandler {
     }
 };
 
-TEST(TestKitRunLoopUntil, StopsAtTheFirstTimerThatMakesDoneTrueOrAtTheVirtualBound) {
-    FastForwardScope on;
-    Ticker ticker(7);
-    const auto realStart = std::chrono::steady_clock::now();
-    const double start = Kelvo::time();
-    // A runner that let several timers fire between two tests of done()
-    // would step past ticks == 3.
-    EXPECT_TRUE(runLoopUntil([&] { return ticker.ticks == 3; }, 1000));
-    EXPECT_NEAR(Kelvo::time() - start, 21, 1);
-
-    const ::testing::AssertionResult result = runLoopUntil(
-        [] { return false; }, 3600, [&] { return fmt::format("{} ticks", ticker.ticks); });
-    EXPECT_FALSE(result);
-    EXPECT_THAT(result.message(),
-                MatchesRegex("not reached within 3600 s of loop time \\(spent 3600\\.0[0-9] s\\); "
-                             "last seen: 517 ticks"));
-    EXPECT_NEAR(Kelvo::time() - start, 3621, 0.1);
-    // An hour of loop time in far less real time.
-    EXPECT_LT(std::chrono::steady_clock::now() - realStart, std::chrono::seconds(60));
-}
-
-TEST(TestKitRunLoopUntil, InRealTimeSeesAnotherThreadsChangeAndFailsAtTheBound) {
-    ASSERT_FALSE(fastForward());
-    // The flag is set only after the first test of done() found it unset, so
-    // it is seen after a slice of loop time, which must be short.
-    std::atomic<int> checks = 0;
-    std::atomic<bool> flag = false;
-    std::thread setter([&] {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-        while (checks == 0 && std::chrono::steady_clock::now() < deadline)
-            std::this_thread::yield();
-        flag = true;
-    });
-    const auto realStart = std::chrono::steady_clock::now();
-    EXPECT_TRUE(runLoopUntil(
-        [&] {
-            ++checks;
-            return flag.load();
-        },
-        60));
-    EXPECT_LT(std::chrono::steady_clock::now() - realStart, std::chrono::seconds(30));
-    setter.join();
-
-    const double start = Kelvo::time();
-    const ::testing::AssertionResult result = runLoopUntil([] { return false; }, 0.2);
-    EXPECT_GE(Kelvo::time() - start, 0.2);
-    EXPECT_THAT(result.message(),
-                MatchesRegex("not reached within 0.2 s of loop time \\(spent 0\\.[2-9][0-9] s\\)"));
-}
-
-TEST(TestKitRunLoopUntil, RejectsBoundsThatAreNotAFiniteNonNegativeTime) {
+// Under fast-forward the runner steps from timer to timer and reaches its
+// bound without waiting; in real time it slices the wait finely enough to
+// see another thread's change at once. Fast-forward scopes nest, each
+// putting back what it found.
+TEST(TestKitRunLoopUntil, StepsTimerByTimerInVirtualTimeAndSlicesRealTime) {
     int calls = 0;
     for (const double bound : {-1.0, std::nan(""), HUGE_VAL}) {
-        const ::testing::AssertionResult result = runLoopUntil([&] { return ++calls > 0; }, bound);
+        const AssertionResult result = runLoopUntil([&] { return ++calls > 0; }, bound);
         EXPECT_FALSE(result) << bound;
         EXPECT_THAT(result.message(), HasSubstr("is not a finite, non-negative time"));
     }
     EXPECT_EQ(calls, 0);
     EXPECT_TRUE(runLoopUntil([] { return true; }, 0));
+
+    ASSERT_FALSE(fastForward());
+    {
+        FastForwardScope on;
+        Ticker ticker(7);
+        const auto realStart = std::chrono::steady_clock::now();
+        const double start = Kelvo::time();
+        // A runner that let several timers fire between two tests of done()
+        // would step past ticks == 3.
+        EXPECT_TRUE(runLoopUntil([&] { return ticker.ticks == 3; }, 1000));
+        EXPECT_NEAR(Kelvo::time() - start, 21, 1);
+        const AssertionResult result = runLoopUntil(
+            [] { return false; }, 3600, [&] { return fmt::format("{} ticks", ticker.ticks); });
+        EXPECT_THAT(result.message(),
+                    MatchesRegex("not reached within 3600 s of loop time "
+                                 "\\(spent 3600\\.0[0-9] s\\); last seen: 517 ticks"));
+        EXPECT_NEAR(Kelvo::time() - start, 3621, 0.1);
+        EXPECT_LT(std::chrono::steady_clock::now() - realStart, std::chrono::seconds(60));
+        {
+            FastForwardScope off(false);
+            EXPECT_FALSE(fastForward());
+            // The flag is set only after the first test of done() found it
+            // unset, so it is seen after a slice of loop time, which must be
+            // short.
+            std::atomic<int> checks = 0;
+            std::atomic<bool> flag = false;
+            std::thread setter([&] {
+                const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+                while (checks == 0 && std::chrono::steady_clock::now() < deadline)
+                    std::this_thread::yield();
+                flag = true;
+            });
+            const auto realNow = std::chrono::steady_clock::now();
+            EXPECT_TRUE(runLoopUntil([&] { return ++checks, flag.load(); }, 60));
+            EXPECT_LT(std::chrono::steady_clock::now() - realNow, std::chrono::seconds(30));
+            setter.join();
+
+            const double now = Kelvo::time();
+            const AssertionResult realResult = runLoopUntil([] { return false; }, 0.2);
+            EXPECT_GE(Kelvo::time() - now, 0.2);
+            EXPECT_THAT(
+                realResult.message(),
+                MatchesRegex("not reached within 0.2 s of loop time \\(spent 0\\.[2-9][0-9] s\\)"));
+        }
+        EXPECT_TRUE(fastForward());
+    }
+    EXPECT_FALSE(fastForward());
 }
 
 // ---------------------------------------------------------------------------
