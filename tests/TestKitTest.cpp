@@ -8,7 +8,7 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
-#include <cstdio>
+#include <set>
 #include <thread>
 
 namespace {
@@ -133,19 +133,16 @@ TEST(TestKitRunLoopUntil, StepsTimerByTimerInVirtualTimeAndSlicesRealTime) {
 // ---------------------------------------------------------------------------
 // TraceCapture
 
-// Stands for the trace output: the lines no capture withheld.
-struct Output {
+// Stands for the trace output while alive: the lines no capture withheld.
+struct OutputScope {
     static inline std::vector<std::string> messages;
     static bool observe(void*, const Platform::ObservedTraceLine& line) {
         messages.emplace_back(line.message);
         return true;
     }
-};
-
-struct OutputScope {
     OutputScope() {
-        Output::messages.clear();
-        Platform::traceLineObserverIs({&Output::observe, nullptr});
+        messages.clear();
+        Platform::traceLineObserverIs({&observe, nullptr});
     }
     ~OutputScope() { Platform::traceLineObserverIs({}); }
 };
@@ -175,43 +172,38 @@ TEST(TestKitTraceCapture, CollectsOnlyItsHandlesLinesAtItsLevelsAndPassesTheRest
     }
     // Lines at levels the handle had go on to the output; the captures' own
     // levels do not.
-    EXPECT_THAT(Output::messages, ElementsAre("not captured at 4", "other handle"));
-    EXPECT_EQ(Platform::traceLineObserver().function, &Output::observe);
+    EXPECT_THAT(OutputScope::messages, ElementsAre("not captured at 4", "other handle"));
+    EXPECT_EQ(Platform::traceLineObserver().function, &OutputScope::observe);
     Platform::clearKelvoDebug("TestKitCapturedToo/*,TestKitCaptured/*");
 }
 
 TEST(TestKitTraceCapture, RestoresTheLevelsOfTheNameAndItsHandles) {
-    struct Case {
-        const char* name;
-        const char* before;  // TRACE text applied first, or ""
-        uint32_t handleLevels;
-    };
-    const Case cases[] = {
+    // The name, a TRACE text applied first (or ""), the handles' levels then.
+    const std::tuple<const char*, const char*, uint32_t> cases[] = {
         {"TestKitRestoreNone", "", 0},
         {"TestKitRestoreOwn", "TestKitRestoreOwn/25", 0x24},
         {"TestKitRestoreWild", "TestKitRestoreW*/6", 0x40},
         {"TestKitRestoreZero", "TestKitRestoreZero/", 0},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        if (*c.before)
-            Platform::setupKelvoDebug(c.before);
+    for (const auto& [name, before, levels] : cases) {
+        SCOPED_TRACE(name);
+        if (*before)
+            Platform::setupKelvoDebug(before);
         // A handle made before the capture, with a level of its own.
-        auto lowered = Platform::getDebugHandler(c.name);
-        ASSERT_EQ(lowered->levels, c.handleLevels);
+        auto lowered = Platform::getDebugHandler(name);
         lowered->enabledIs(9, true);
         std::shared_ptr<Platform::DebugHandler> during;
         {
-            TraceCapture capture(c.name, "13");
-            during = Platform::getDebugHandler(c.name);
+            TraceCapture capture(name, "13");
+            during = Platform::getDebugHandler(name);
             for (const auto& handle : {lowered, during})
                 EXPECT_EQ(handle->levels & 0xa, 0xa);
         }
-        EXPECT_EQ(lowered->levels, c.handleLevels | 0x200);
-        EXPECT_EQ(during->levels, c.handleLevels);
-        EXPECT_EQ(Platform::getDebugHandler(c.name)->levels, c.handleLevels);
-        if (*c.before)
-            Platform::clearKelvoDebug(fmt::format("{}*", c.before).c_str());
+        EXPECT_EQ(lowered->levels, levels | 0x200);
+        EXPECT_EQ(during->levels, levels);
+        EXPECT_EQ(Platform::getDebugHandler(name)->levels, levels);
+        if (*before)
+            Platform::clearKelvoDebug(fmt::format("{}*", before).c_str());
     }
 }
 
@@ -232,11 +224,10 @@ TEST(TestKitTraceCapture, CollectsLinesTracedFromOtherThreads) {
                              [&] { return fmt::format("{} lines", capture.messages().size()); }));
     for (auto& worker : workers)
         worker.join();
-    std::vector<std::string> messages = capture.messages();
-    std::sort(messages.begin(), messages.end());
-    ASSERT_EQ(messages.size(), size_t{threads * perThread});
-    EXPECT_EQ(std::unique(messages.begin(), messages.end()), messages.end());
-    EXPECT_TRUE(Output::messages.empty());
+    // None collected twice.
+    const std::vector<std::string> messages = capture.messages();
+    EXPECT_EQ(std::set<std::string>(messages.begin(), messages.end()).size(), messages.size());
+    EXPECT_TRUE(OutputScope::messages.empty());
 }
 
 }  // namespace

@@ -32,17 +32,13 @@ TEST(Version, HeaderLibraryBuildAndChangelogAgree) {
 TEST(Version, NumberOrdersByMajorThenMinorThenPatch) {
     constexpr int major = KELVO_VERSION_MAJOR, minor = KELVO_VERSION_MINOR,
                   patch = KELVO_VERSION_PATCH;
-    struct Case {
-        int major, minor, patch;
-        bool atLeast;
-    } cases[] = {
+    const std::tuple<int, int, int, bool> cases[] = {
         {major, minor, patch, true}, {major, minor, patch + 1, false}, {major, minor + 1, 0, false},
         {major + 1, 0, 0, false},    {major, minor - 1, 999, true},    {major - 1, 999, 999, true},
     };
-    for (const Case& c : cases) {
-        if (c.major < 0 || c.minor < 0)
+    for (const auto& [ma, mi, pa, atLeast] : cases) {
+        if (ma < 0 || mi < 0)
             continue;
-        EXPECT_EQ(KELVO_VERSION_AT_LEAST(c.major, c.minor, c.patch), c.atLeast)
-            << c.major << "." << c.minor << "." << c.patch;
+        EXPECT_EQ(KELVO_VERSION_AT_LEAST(ma, mi, pa), atLeast) << ma << "." << mi << "." << pa;
     }
 }

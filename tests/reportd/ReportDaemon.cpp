@@ -5,8 +5,8 @@
 //
 // runs the thread's root with a 1 ms periodic timer task ("tick"), timer
 // tasks at the other priorities and a task group with two members, serves
-// reports as NAME, prints "ready" once serving and runs until SIGTERM or
-// SIGINT, then exits 0. A bad command line exits 2; a name it cannot serve
+// reports as NAME, prints "ready" once serving and runs until SIGTERM, then
+// exits 0. A bad command line exits 2; a name it cannot serve
 // exits 1.
 #include <Kelvo/Kelvo.h>
 
@@ -19,19 +19,15 @@ namespace {
 volatile sig_atomic_t stopRequested = 0;
 
 // Runs every period and does a little countable work.
-class PeriodicTask final : public Kelvo::TimerTask {
-  public:
+struct PeriodicTask final : Kelvo::TimerTask {
     PeriodicTask(std::shared_ptr<Kelvo::TaskScheduler> scheduler, Kelvo::TaskPriority priority,
-                 const std::string& name, std::chrono::microseconds period)
-        : TimerTask(std::move(scheduler), priority, name), period_(period) {}
-
+                 const std::string& name, std::chrono::microseconds every)
+        : TimerTask(std::move(scheduler), priority, name), period(every) {}
     void taskExecute() override {
         taskWorkCountInc(1);
-        scheduleTaskDelay(period_);
+        scheduleTaskDelay(period);
     }
-
-  private:
-    std::chrono::microseconds period_;
+    std::chrono::microseconds period;
 };
 
 }  // namespace
@@ -44,7 +40,6 @@ int main(int argc, char** argv) {
     struct sigaction action {};
     action.sa_handler = [](int) { stopRequested = 1; };
     ::sigaction(SIGTERM, &action, nullptr);
-    ::sigaction(SIGINT, &action, nullptr);
 
     // Serving first: the set-up's time would otherwise count as the first
     // runs' scheduling latency.
