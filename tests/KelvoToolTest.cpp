@@ -66,8 +66,10 @@ TEST(KelvoTool, EveryCommandLineGetsItsAnswerOrOneErrorLine) {
     const std::string name = "report" + unique, twin = "twin" + unique;
     auto solo = std::make_unique<Daemon>(name);
     Daemon first(twin), second(twin);
-    const std::string pid = std::to_string(solo->pid), otherPid = std::to_string(first.pid);
+    const std::string pid = std::to_string(solo->pid);
     const auto [low, high] = std::minmax({first.pid, second.pid});
+    const std::string twins = fmt::format(
+        "kelvo: {0}: several daemons match: {0} (pid {1}), {0} (pid {2})\n", twin, low, high);
     const std::string top = "kelvo top - " + name + " \\(pid " + pid + "\\)  [0-9:]+  ";
     struct Case {
         std::vector<std::string> args;
@@ -98,9 +100,7 @@ TEST(KelvoTool, EveryCommandLineGetsItsAnswerOrOneErrorLine) {
          0,
          {"kelvo_task_runs_total\\{[^}]*task=\"tick\"", "task=\"flush \\\\\"spool\\\\\"\"",
           "# EOF\n$"}},
-        {{"timeline", "TARGET", "-o", "-"},
-         0,
-         {"^\\{\"traceEvents\":\\[", "\"name\":\"tick\",\"ph\":\"X\""}},
+        {{"timeline", "TARGET", "-o", "-"}, 0, {"\"name\":\"tick\",\"ph\":\"X\""}},
         {{"timeline", "--html", "TARGET", "-o", "-"},
          0,
          {"^<!DOCTYPE html>", "<title>kelvo timeline: " + name + " \\(pid " + pid + "\\)"}},
@@ -111,17 +111,10 @@ TEST(KelvoTool, EveryCommandLineGetsItsAnswerOrOneErrorLine) {
         // 1 for a failed request, 2 for a bad command line.
         {{"report", "no-such-daemon"}, 1, {}, "kelvo: no-such-daemon: no such daemon\n"},
         {{"metrics", "1"}, 1, {}, "kelvo: 1: no such daemon\n"},
-        {{"top", twin},
-         1,
-         {},
-         fmt::format("kelvo: {0}: several daemons match: {0} (pid {1}), {0} (pid {2})\n", twin, low,
-                     high)},
+        {{"top", twin}, 1, {}, twins},
         {{"report"}, 2, {}, "kelvo: report: which daemon? (kelvo report <name|pid>)\n"},
         {{"report", pid, "--xml"}, 2, {}, "kelvo: report: unknown option '--xml'\n"},
-        {{"report", pid, otherPid},
-         2,
-         {},
-         "kelvo: report: one daemon at a time ('" + otherPid + "')\n"},
+        {{"report", pid, "1"}, 2, {}, "kelvo: report: one daemon at a time ('1')\n"},
         {{"timeline", pid}, 2, {}, "kelvo: timeline: where to? (-o FILE)\n"},
         {{"timeline", pid, "-o"}, 2, {}, "kelvo: timeline: -o needs a file name\n"},
         {{"top", pid, "-n", "0"}, 2, {}, "kelvo: top: -n needs a positive number, not '0'\n"},
@@ -161,11 +154,11 @@ TEST(KelvoTool, EveryCommandLineGetsItsAnswerOrOneErrorLine) {
 // Returns the request and how kelvo, run meanwhile, ended.
 std::pair<std::string, ChildResult> askFake(const std::string& name,
                                             const std::vector<std::string>& pieces, bool silent) {
-    auto& h = *Kelvo::Platform::getDebugHandler("KelvoToolTest");
-    const int listener = Kelvo::Util::socket(h, AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const auto handle = Kelvo::Platform::getDebugHandler("KelvoToolTest");
+    const int listener = Kelvo::Util::socket(*handle, AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un address{};
-    const int length =
-        Kelvo::Util::createSockaddr(h, &address, Kelvo::reportServerSocketName(name, ::getpid()));
+    const int length = Kelvo::Util::createSockaddr(*handle, &address,
+                                                   Kelvo::reportServerSocketName(name, ::getpid()));
     EXPECT_TRUE(::bind(listener, reinterpret_cast<sockaddr*>(&address), length) == 0 &&
                 ::listen(listener, 4) == 0);
     ChildResult result;
