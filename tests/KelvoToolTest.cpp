@@ -144,9 +144,10 @@ TEST(KelvoTool, EveryCommandLineGetsItsAnswerOrOneErrorLine) {
     EXPECT_EQ(kelvo({"timeline", name, "-o", file}).text(), "exit 0");
     EXPECT_THAT(readFile(file), StartsWith("{\"traceEvents\":["));
     std::filesystem::remove(file);
-    // A stopped daemon is no longer listed.
+    // A stopped daemon is no longer listed; the others still are.
     solo.reset();
-    EXPECT_THAT(kelvo({"list"}).out, Not(HasSubstr(" " + name + " ")));
+    EXPECT_THAT(kelvo({"list"}).out,
+                AllOf(HasSubstr(" " + twin + " "), Not(HasSubstr(" " + name + " "))));
 }
 
 // Answers one report request as a scripted server, for answers a real daemon
