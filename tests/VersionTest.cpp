@@ -4,23 +4,19 @@
 // as KELVO_CMAKE_VERSION and KELVO_DEBIAN_CHANGELOG.
 #include "TestSupport.h"
 
+#include <regex>
+
 namespace {
 
 // "libkelvo (1:0.1.0-1) unstable; ..." -> "0.1.0": no epoch, no Debian
 // revision (after the last '-'); a native version has none.
 std::string changelogUpstreamVersion(const std::string& path) {
-    std::ifstream in(path);
     std::string line;
-    std::getline(in, line);
-    const auto open = line.find('('), close = line.find(')');
-    if (open == std::string::npos || close < open)
+    std::getline(std::ifstream(path), line);
+    std::smatch version;
+    if (!std::regex_search(line, version, std::regex(R"(\((?:[0-9]+:)?(.+?)(?:-[^-)]*)?\))")))
         return "unreadable first line: '" + line + "'";
-    std::string version = line.substr(open + 1, close - open - 1);
-    if (const auto colon = version.find(':'); colon != std::string::npos)
-        version.erase(0, colon + 1);
-    if (const auto dash = version.rfind('-'); dash != std::string::npos)
-        version.erase(dash);
-    return version;
+    return version[1];
 }
 
 }  // namespace
@@ -36,17 +32,13 @@ TEST(Version, HeaderLibraryBuildAndChangelogAgree) {
 TEST(Version, NumberOrdersByMajorThenMinorThenPatch) {
     constexpr int major = KELVO_VERSION_MAJOR, minor = KELVO_VERSION_MINOR,
                   patch = KELVO_VERSION_PATCH;
-    struct Case {
-        int major, minor, patch;
-        bool atLeast;
-    } cases[] = {
+    const std::tuple<int, int, int, bool> cases[] = {
         {major, minor, patch, true}, {major, minor, patch + 1, false}, {major, minor + 1, 0, false},
         {major + 1, 0, 0, false},    {major, minor - 1, 999, true},    {major - 1, 999, 999, true},
     };
-    for (const Case& c : cases) {
-        if (c.major < 0 || c.minor < 0)
+    for (const auto& [ma, mi, pa, atLeast] : cases) {
+        if (ma < 0 || mi < 0)
             continue;
-        EXPECT_EQ(KELVO_VERSION_AT_LEAST(c.major, c.minor, c.patch), c.atLeast)
-            << c.major << "." << c.minor << "." << c.patch;
+        EXPECT_EQ(KELVO_VERSION_AT_LEAST(ma, mi, pa), atLeast) << ma << "." << mi << "." << pa;
     }
 }
