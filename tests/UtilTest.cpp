@@ -197,6 +197,8 @@ TEST_F(LocalSocket, BadArgumentsAndMissingSystemFilesAreHandled) {
     EXPECT_EQ(Kelvo::Impl::maxSendBufferSize(path("wmem")), 4194304);
     Util::fileWrite(h_, path("wmem"), "none", false);
     EXPECT_THROW(Kelvo::Impl::maxSendBufferSize(path("wmem")), std::invalid_argument);
+    EXPECT_EQ(Util::SYSTEM_MAX_SEND_BUFFER_SIZE(),
+              Kelvo::Impl::maxSendBufferSize("/proc/sys/net/core/wmem_max"));
 
     const auto setnsError = [](const char* name, int nstype) {
         errno = 0;
