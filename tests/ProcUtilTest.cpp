@@ -57,11 +57,6 @@ pid_t forkSharer() {
     return pid;
 }
 
-// The holder and the process sharing its descriptors, in order.
-std::vector<pid_t> sharing(pid_t a, pid_t b) {
-    return {std::min(a, b), std::max(a, b)};
-}
-
 TEST_F(ProcUtil, IdentityOfAProcessWithBlanksAndParenthesesInItsTitle) {
     // The title is the base name of the executed path, here a link to sh.
     const std::string program = path("a (b)) c");
@@ -100,60 +95,50 @@ TEST_F(ProcUtil, IdentityOfAProcessWithBlanksAndParenthesesInItsTitle) {
                 HasSubstr(fmt::format("unable to read /proc/{}/cmdline: No such file", pid)));
 }
 
-TEST_F(ProcUtil, LockOwnersAreTheHoldersOfTheLockAndNoOneElse) {
-    enum Kind { ofd, posix, flock };
-    for (Kind kind : {ofd, posix, flock}) {
-        SCOPED_TRACE(kind);
-        const std::string file = path(fmt::format("{}.lock", int(kind)));
-        const std::string unlocked = path(fmt::format("{}.free", int(kind)));
-        Util::touch(h_, unlocked);
-        // The holder forks a process that shares its description: it holds
-        // an OFD or flock lock with it, but not the holder's POSIX lock.
-        HeldChild holder([&] {
-            const int fd = ::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-            struct flock whole = {};
-            whole.l_type = F_WRLCK;
-            const bool locked =
-                kind == flock
-                    ? ::flock(fd, LOCK_EX | LOCK_NB) == 0
-                    : ::fcntl(fd, kind == ofd ? Kelvo::cmd_F_OFD_SETLK() : F_SETLK, &whole) == 0;
-            return locked ? std::to_string(forkSharer()) : "error: not locked";
-        });
-        // Keeps both files open without locking them.
-        HeldChild bystander([&] {
-            return std::to_string(::open(file.c_str(), O_RDONLY) >= 0 &&
-                                  ::open(unlocked.c_str(), O_RDONLY) >= 0);
-        });
-        ASSERT_EQ(bystander.report(), "1");
-        const pid_t sharer = std::stoi(holder.report());
-        EXPECT_EQ(Util::lockOwners(h_, file),
-                  kind == posix ? std::vector<pid_t>{holder.pid()} : sharing(holder.pid(), sharer));
-        EXPECT_EQ(Util::lockOwners(h_, unlocked), std::vector<pid_t>{});
-    }
-    EXPECT_EQ(Util::lockOwners(h_, path("missing")), std::nullopt);
-}
-
-TEST_F(ProcUtil, SocketOwnersMatchTheWholeNameAndEveryHolderOfTheDescriptor) {
+// The holder locks a file each way and binds a name, then forks a process
+// that shares its descriptors: that one holds the OFD and flock locks and the
+// socket with it, but not the POSIX lock, which belongs to a process. The
+// bystander keeps every file open and binds a name the holder's begins with.
+TEST_F(ProcUtil, OwnersAreEveryHolderOfTheLockOrTheWholeSocketNameAndNoOneElse) {
     const std::string prefix = fmt::format("kelvo-test-{}-", ::getpid());
-    HeldChild spaced([&] {
+    const std::string ofd = path("ofd"), posix = path("posix"), flock = path("flock");
+    const std::string unlocked = path("free");
+    Util::touch(h_, unlocked);
+    HeldChild holder([&] {
+        const int fds[] = {::open(ofd.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600),
+                           ::open(posix.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600),
+                           ::open(flock.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)};
+        struct flock whole = {};
+        whole.l_type = F_WRLCK;
+        childCheck(::fcntl(fds[0], Kelvo::cmd_F_OFD_SETLK(), &whole) == 0 &&
+                   ::fcntl(fds[1], F_SETLK, &whole) == 0 &&
+                   ::flock(fds[2], LOCK_EX | LOCK_NB) == 0);
         Util::createAndBindSocket(quiet(), prefix + "a b");
         return std::to_string(forkSharer());
     });
-    HeldChild shorter(
-        [&] { return std::to_string(Util::createAndBindSocket(quiet(), prefix + "a")); });
-    const pid_t sharer = std::stoi(spaced.report());
+    HeldChild bystander([&] {
+        for (const std::string& file : {ofd, posix, flock, unlocked})
+            childCheck(::open(file.c_str(), O_RDONLY) >= 0);
+        return std::to_string(Util::createAndBindSocket(quiet(), prefix + "a"));
+    });
+    ASSERT_THAT(holder.report() + bystander.report(), Not(HasSubstr("error")));
+    const pid_t sharer = std::stoi(holder.report());
+    const std::vector<pid_t> both = {std::min(holder.pid(), sharer),
+                                     std::max(holder.pid(), sharer)};
     const int own = Util::createAndBindSocket(quiet(), prefix + "own");
 
-    EXPECT_EQ(Util::abstractSocketOwners(h_, prefix + "a b"), sharing(spaced.pid(), sharer));
-    EXPECT_EQ(Util::abstractSocketOwners(h_, prefix + "a"), std::vector<pid_t>{shorter.pid()});
+    EXPECT_EQ(Util::lockOwners(h_, ofd), both);
+    EXPECT_EQ(Util::lockOwners(h_, posix), std::vector<pid_t>{holder.pid()});
+    EXPECT_EQ(Util::lockOwners(h_, flock), both);
+    EXPECT_EQ(Util::lockOwners(h_, unlocked), std::vector<pid_t>{});
+    EXPECT_EQ(Util::lockOwners(h_, path("missing")), std::nullopt);
+    EXPECT_EQ(Util::abstractSocketOwners(h_, prefix + "a b"), both);
+    EXPECT_EQ(Util::abstractSocketOwners(h_, prefix + "a"), std::vector<pid_t>{bystander.pid()});
     EXPECT_EQ(Util::abstractSocketOwners(h_, prefix + "own"), std::vector<pid_t>{::getpid()});
-    EXPECT_EQ(Util::abstractSocketOwners(h_, prefix), std::vector<pid_t>{});
-    // The one-process check: the whole name, and only the process asked about.
-    EXPECT_EQ(Util::abstractSocketHeldBy(h_, prefix + "a", shorter.pid()), true);
-    EXPECT_EQ(Util::abstractSocketHeldBy(h_, prefix + "a", spaced.pid()), false);
+    // The whole name, and only the process asked about.
+    EXPECT_EQ(Util::abstractSocketHeldBy(h_, prefix + "a", bystander.pid()), true);
+    EXPECT_EQ(Util::abstractSocketHeldBy(h_, prefix + "a", holder.pid()), false);
     EXPECT_EQ(Util::abstractSocketHeldBy(h_, prefix + "a b", ::getpid()), false);
-    EXPECT_EQ(Util::abstractSocketHeldBy(h_, prefix + "own", ::getpid()), true);
-    EXPECT_EQ(Util::abstractSocketHeldBy(h_, prefix, ::getpid()), false);
     EXPECT_THAT(Util::abstractSocketNames(h_, prefix),
                 ElementsAre(prefix + "a", prefix + "a b", prefix + "own"));
     ::close(own);

@@ -5,8 +5,6 @@
 
 #include <Kelvo/Kelvo.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <rapidjson/document.h>
 #include <rapidjson/error/en.h>
 #include <rapidjson/schema.h>
 #include <rapidjson/stringbuffer.h>
@@ -17,23 +15,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-// What the helpers below use, and <random> for the suites' own generators;
-// <Kelvo/Kelvo.h> already brings the containers, <chrono> and <thread>.
-#include <algorithm>
-#include <cstdio>
-#include <cstdlib>
-#include <exception>
+// <Kelvo/Kelvo.h> and GoogleTest bring the containers, <chrono>, <thread>,
+// <functional>, <sstream> and <algorithm>; <random> is for the suites' own
+// generators.
 #include <filesystem>
 #include <fstream>
-#include <functional>
-#include <limits>
-#include <memory>
 #include <random>
-#include <set>
-#include <sstream>
-#include <stdexcept>
-#include <string>
-#include <vector>
 
 namespace KelvoTest {
 
@@ -69,9 +56,8 @@ inline auto failsWith(const std::string& text) {
 }
 
 inline std::string readFile(const std::string& path) {
-    std::ostringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
 }
 
 // The trace lines written to standard error while f runs with the given TRACE.

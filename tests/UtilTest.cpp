@@ -54,24 +54,20 @@ TEST_F(UtilFiles, FileHelpersTurnFailuresIntoResultsAndLevelZeroTraces) {
 
 TEST(Util, FileSizeHelperThrowsOnProductOrSumOverflow) {
     constexpr uint64_t max = std::numeric_limits<uint64_t>::max();
-    const std::tuple<uint64_t, uint64_t, uint64_t, std::string> cases[] = {
-        {3, 4, 5, "17"},
-        {0, max, max, "18446744073709551615"},
-        {uint64_t(1) << 62, 8, 0,
-         "fileSizeHelper overflow, entries:4611686018427387904 entrySize:8 xResult:0 endResult:0"},
-        {max, 1, 1,
-         "fileSizeHelper overflow, entries:18446744073709551615 entrySize:1 "
-         "xResult:18446744073709551615 endResult:0"},
-    };
-    for (const auto& [entries, size, extra, expected] : cases) {
+    const auto size = [](uint64_t entries, uint64_t entrySize, uint64_t extra) {
         std::string sum;
-        // Copies: clang 14 cannot capture structured bindings.
         const std::string thrown = thrownMessage<Kelvo::RuntimeException>(
-            [&sum, entries = entries, size = size, extra = extra] {
-                sum = std::to_string(Util::fileSizeHelper(entries, size, extra));
-            });
-        EXPECT_EQ(sum.empty() ? thrown : sum, expected);
-    }
+            [&] { sum = std::to_string(Util::fileSizeHelper(entries, entrySize, extra)); });
+        return sum.empty() ? thrown : sum;
+    };
+    EXPECT_EQ(size(3, 4, 5), "17");
+    EXPECT_EQ(size(0, max, max), "18446744073709551615");
+    EXPECT_EQ(size(uint64_t(1) << 62, 8, 0),
+              "fileSizeHelper overflow, entries:4611686018427387904 entrySize:8 xResult:0 "
+              "endResult:0");
+    EXPECT_EQ(size(max, 1, 1),
+              "fileSizeHelper overflow, entries:18446744073709551615 entrySize:1 "
+              "xResult:18446744073709551615 endResult:0");
 }
 
 TEST_F(UtilFiles, MkpathAndTrimpathAreInverses) {
@@ -204,16 +200,14 @@ TEST_F(LocalSocket, BadArgumentsAndMissingSystemFilesAreHandled) {
     EXPECT_EQ(Util::SYSTEM_MAX_SEND_BUFFER_SIZE(),
               Kelvo::Impl::maxSendBufferSize("/proc/sys/net/core/wmem_max"));
 
-    const std::tuple<const char*, int, int> namespaces[] = {
-        {nullptr, CLONE_NEWNET, EINVAL},
-        {"kelvo-no-such-namespace", CLONE_NEWNET, ENOENT},
-        {"kelvo-no-such-namespace", CLONE_NEWUTS, EINVAL},
-    };
-    for (const auto& [name, nstype, error] : namespaces) {
+    const auto setnsError = [](const char* name, int nstype) {
         errno = 0;
-        EXPECT_EQ(Kelvo::NetNs::setnsByName(name, nstype), -1);
-        EXPECT_EQ(errno, error) << (name ? name : "null");
-    }
+        return Kelvo::NetNs::setnsByName(name, nstype) == -1 ? errno : 0;
+    };
+    EXPECT_EQ(std::vector<int>({setnsError(nullptr, CLONE_NEWNET),
+                                setnsError("kelvo-no-such-namespace", CLONE_NEWNET),
+                                setnsError("kelvo-no-such-namespace", CLONE_NEWUTS)}),
+              std::vector<int>({EINVAL, ENOENT, EINVAL}));
 }
 
 // The real switch: a child moves into a network namespace of its own, with
