@@ -32,14 +32,15 @@ struct Once final : Task {
 // A non-blocking client, driven from the test's own loop so that the server
 // on the same thread keeps running.
 struct Client {
-    explicit Client(const std::string& name = served, int receiveBuffer = 0) {
+    explicit Client(const std::string& name = served, int receiveBuffer = 0,
+                    pid_t server = ::getpid()) {
         static const auto trace = Platform::getDebugHandler("ReportServerTest");
         fd = Util::socket(*trace, AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
         if (receiveBuffer > 0)
             ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
         sockaddr_un address;
         const int length =
-            Util::createSockaddr(*trace, &address, reportServerSocketName(name, ::getpid()));
+            Util::createSockaddr(*trace, &address, reportServerSocketName(name, server));
         connectErrno =
             ::connect(fd, reinterpret_cast<sockaddr*>(&address), length) == 0 ? 0 : errno;
     }
@@ -132,6 +133,32 @@ TEST_F(ReportServerTest, BadRequestsGetOneErrorLine) {
         EXPECT_EQ(ask(request), "error: unknown request\n") << request;
     for (const std::string& request : {longest.substr(0, 255) + "s\n", std::string(1000, 'x')})
         EXPECT_EQ(ask(request), "error: request too long\n") << request.size();
+    EXPECT_TRUE(allClosed());
+}
+
+// A peer of another user learns nothing but the refusal. The server answers
+// from this thread's loop, so the peer is a child.
+TEST_F(ReportServerTest, PeerOfAnotherUserLearnsOnlyTheRefusal) {
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "switching to uid 65534 needs root";
+    std::fflush(nullptr);
+    const pid_t server = ::getpid(), pid = ::fork();
+    if (pid == 0) {
+        ::alarm(30);
+        if (::setresgid(65534, 65534, 65534) != 0 || ::setresuid(65534, 65534, 65534) != 0)
+            ::_exit(3);
+        Client client(served, 0, server);
+        client.send("json\n");
+        pollfd readable{client.fd, POLLIN, 0};
+        while (!client.drained())
+            ::poll(&readable, 1, 1000);
+        ::_exit(client.got == "error: refused\n" ? 0 : 1);
+    }
+    int status = -1;
+    bool reaped = false;
+    ASSERT_TRUE(loopUntil(
+        [&] { return reaped || (reaped = ::waitpid(pid, &status, WNOHANG) == pid); }, 30));
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
     EXPECT_TRUE(allClosed());
 }
 
