@@ -16,11 +16,13 @@ TEST(TaskPriority, CodesAndInvalidForms) {
     for (unsigned value = 0; value <= 5; ++value)
         codes += P(value).oneChar();
     EXPECT_EQ(codes, "AHNLS-");
+    EXPECT_STREQ(P(P::oneBeyondLast).toStrep(), "oneBeyondLast");
     std::ostringstream streamed;
     streamed << P(4u) << ' ' << P(200);
     EXPECT_EQ(streamed.str(), "scavenge invalidPriority=200");
     EXPECT_THAT(thrownMessage([] { P(200).toStrep(); }), EndsWith("unexpected priority value 200"));
     EXPECT_THAT(thrownMessage([] { P(200).oneChar(); }), EndsWith("unexpected priority 200"));
+    EXPECT_EQ(TaskKey(uint64_t(42)).toStrep(), "@42");
 }
 
 TEST(TaskStat, MergingFoldsFinishedTasksOfOneName) {
