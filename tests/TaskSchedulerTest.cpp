@@ -322,6 +322,26 @@ TEST_F(Scheduler, SuspendedRootIgnoresAndRecordsRunsUntilResumed) {
     EXPECT_EQ(task->runs, 1);
 }
 
+// A turn works on the tasks queued before it; those it leaves go back ahead
+// of the ones queued meanwhile.
+TEST_F(Scheduler, TemporaryListHoldsOnlyTasksQueuedBeforeTheTurn) {
+    std::string ran;
+    auto record = [&](Probe& self) { ran += self.taskName(); };
+    auto a = probe(root, P::normal, "a", record), b = probe(root, P::normal, "b", record),
+         c = probe(root, P::normal, "c", record);
+    a->scheduleTask();
+    b->scheduleTask();
+    root->taskRunQueuesMovePersistentToTemporary();
+    c->scheduleTask();
+    root->handleSchedulerRun();
+    EXPECT_THAT(thrownMessage([&] { root->taskRunQueuesMovePersistentToTemporary(); }),
+                HasSubstr("The temporary run queue should always be empty at this point"));
+    root->taskRunQueuesMoveTemporaryToPersistent();
+    root->handleSchedulerRun();
+    root->handleSchedulerRun();
+    EXPECT_EQ(ran, "abc");
+}
+
 TEST_F(Scheduler, MisuseFailsWithTheSubjectInTheMessage) {
     auto task = probe(root, P::low, "m");
     struct Case {
@@ -741,7 +761,7 @@ TEST_F(Scheduler, ABatchStopsAtAQuantumUserOrAnEmptyQueueAndHoldsEachRun) {
 
 // A task queued inside a run is stamped at the call with one run per
 // callback, and with that run's start in a batch (no clock read): its enqueue
-// time and its latency show which. Once the callback is
+// time, its "schedule" event and its latency show which. Once the callback is
 // over, a task queued from outside is stamped at the call again.
 TEST_F(Scheduler, ABatchStampsTasksQueuedInARunWithThatRunsStart) {
     driveClock();
@@ -765,6 +785,12 @@ TEST_F(Scheduler, ABatchStampsTasksQueuedInARunWithThatRunsStart) {
         EXPECT_EQ(second->runs, 1) << c.batch;
         EXPECT_EQ(second->taskEnqueueTime(), start + c.stampedAfter) << c.batch;
         EXPECT_EQ(second->getStats().taskLastSchedulingLatency(), c.latency) << c.batch;
+        const auto& history = root->history()->events();
+        const auto scheduled = std::find_if(history.begin(), history.end(), [](const auto& e) {
+            return e.display() == "schedule     second";
+        });
+        ASSERT_NE(scheduled, history.end()) << c.batch;
+        EXPECT_EQ(scheduled->time, start + c.stampedAfter) << c.batch;
         now += 1ms;
         second->scheduleTask();
         EXPECT_EQ(second->taskEnqueueTime(), now) << c.batch;
