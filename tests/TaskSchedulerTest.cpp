@@ -91,6 +91,7 @@ TEST(TaskSchedulerHistory, TextDumpLayoutAndDisplayTextEnds) {
     EXPECT_THAT(schedulerRootKelvoNonShared("r")->historyRenderTextForDebugToString(),
                 StartsWith(dumpHeader(100)));
 
+    EXPECT_STREQ(taskSchedulerEventTypeDisplay(Type(23)), "schedulerTestYieldRatioOff");
     EXPECT_THAT(thrownMessage([] { taskSchedulerEventTypeDisplay(Type(24)); }),
                 EndsWith("unexpected eventType 24"));
 
