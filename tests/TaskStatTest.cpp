@@ -7,6 +7,8 @@ namespace {
 using namespace Kelvo;
 using namespace std::chrono_literals;
 using P = TaskPriority;
+using KelvoTest::thrownMessage;
+using ::testing::EndsWith;
 
 // The reports show every valid name and most codes; these are the ends.
 TEST(TaskPriority, CodesAndInvalidForms) {
@@ -18,10 +20,8 @@ TEST(TaskPriority, CodesAndInvalidForms) {
     std::ostringstream streamed;
     streamed << P(4u) << ' ' << P(200);
     EXPECT_EQ(streamed.str(), "scavenge invalidPriority=200");
-    EXPECT_THAT(KelvoTest::thrownMessage([] { P(200).toStrep(); }),
-                ::testing::EndsWith("unexpected priority value 200"));
-    EXPECT_THAT(KelvoTest::thrownMessage([] { P(200).oneChar(); }),
-                ::testing::EndsWith("unexpected priority 200"));
+    EXPECT_THAT(thrownMessage([] { P(200).toStrep(); }), EndsWith("unexpected priority value 200"));
+    EXPECT_THAT(thrownMessage([] { P(200).oneChar(); }), EndsWith("unexpected priority 200"));
     EXPECT_EQ(TaskKey(uint64_t(42)).toStrep(), "@42");
 }
 
@@ -36,22 +36,19 @@ TEST(TaskStat, MergingFoldsFinishedTasksOfOneName) {
     TaskStat total = record("w", 3, TaskMaybeU32(7), 1.5f, 40ns);
     total += record("w", 2, TaskMaybeU32(), 2.5f, 30ns);  // unset: no bigger than 7
     total += record("w", 4, TaskMaybeU32(9), 3.5f, 50ns);
-    EXPECT_EQ(total.taskRunCount(), 9u);
-    EXPECT_EQ(total.taskTotalRunTime(), 90ns);
-    EXPECT_EQ(total.taskQuantumViolation500(), 3u);
-    EXPECT_EQ(total.taskQuantumViolation200(), 6u);
-    EXPECT_EQ(total.taskWorkCountHighWater(), TaskMaybeU32(9));
-    EXPECT_EQ(total.taskWorkPendingHighWater(), TaskMaybeU32(4));
-    EXPECT_EQ(total.taskWorkCountDecayingAvg(), 3.5f);  // the latest, not a sum
-    EXPECT_EQ(total.taskWorkPending(), 4u);
-    EXPECT_EQ(total.taskRunTimeHighWaterMark(), 50ns);
-    EXPECT_EQ(total.taskCompletedCount(), 2u);
+    // Counts add up; high waters take the largest; the average is the latest.
+    EXPECT_EQ(
+        std::tuple(total.taskRunCount(), total.taskTotalRunTime(), total.taskQuantumViolation500(),
+                   total.taskQuantumViolation200(), total.taskCompletedCount()),
+        std::tuple(9u, 90ns, 3u, 6u, 2u));
+    EXPECT_EQ(std::tuple(total.taskWorkCountHighWater(), total.taskWorkPendingHighWater(),
+                         total.taskWorkCountDecayingAvg(), total.taskWorkPending(),
+                         total.taskRunTimeHighWaterMark()),
+              std::tuple(TaskMaybeU32(9), TaskMaybeU32(4), 3.5f, 4u, 50ns));
     TaskStat other = record("x", 1, TaskMaybeU32(), 0, 0ns);
-    EXPECT_THAT(KelvoTest::thrownMessage([&] { total += other; }), ::testing::EndsWith("w != x"));
-
+    EXPECT_THAT(thrownMessage([&] { total += other; }), EndsWith("w != x"));
     TaskSchedulerPriorityStats high{P::high, 1, 2, 3, 4}, normal{P::normal, 1, 1, 1, 1};
-    EXPECT_THAT(KelvoTest::thrownMessage([&] { high += normal; }),
-                ::testing::EndsWith("high != normal"));
+    EXPECT_THAT(thrownMessage([&] { high += normal; }), EndsWith("high != normal"));
 }
 
 }  // namespace
