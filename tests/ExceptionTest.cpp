@@ -42,6 +42,9 @@ TEST(Exception, EveryClassNamesItselfAndPrintsMessageThenBacktrace) {
     EXPECT_THROW(InvalidSizeException::throwException("len"), CorruptionDetectedException);
     EXPECT_STREQ(Exception("quiet", false).what(),
                  "Kelvo::Exception(\"quiet\")\nNo backtrace available\n");
+    // The star marker is dropped; what does not demangle is shown raw.
+    EXPECT_EQ(typeName("*N5Kelvo9BacktraceE") + "|" + typeName("not mangled!"),
+              "Kelvo::Backtrace|not mangled!");
 }
 
 template <typename T>
@@ -55,10 +58,6 @@ TEST(Assert, MessageCarriesFileLineClassAndFunction) {
     EXPECT_THAT(thrownMessage([] { Holder<int>().check(0); }),
                 MatchesRegex(".*ExceptionTest\\.cpp:[0-9]+: Holder::check\\(\\) v is 0"));
     EXPECT_THAT(thrownMessage([] { KELVO_ASSERT_FAIL("n={}", 3); }), EndsWith(": n=3"));
-}
-
-TEST(AssertDeathTest, CheckAbortsEvenWhenAssertionsThrow) {
-    EXPECT_DEATH(KELVO_CHECK(1 + 1 == 3), "Assertion `1 \\+ 1 == 3' failed");
 }
 
 [[gnu::noinline]] uint32_t deepCapture(int depth) {
@@ -117,12 +116,6 @@ std::string definingLibrary(const char* symbol) {
 TEST(Exception, ThrowsUseTheToolchainUnwinder) {
     EXPECT_THAT(definingLibrary("_Unwind_RaiseException"), HasSubstr("/libgcc_s.so"));
     EXPECT_THAT(definingLibrary("backtrace"), HasSubstr("/libc.so"));
-}
-
-// Plain demangling shows in the exception names and the terminate reports.
-TEST(TypeName, DropsTheStarMarkerAndFallsBackToTheRawName) {
-    EXPECT_EQ(Kelvo::typeName("*N5Kelvo9BacktraceE"), "Kelvo::Backtrace");
-    EXPECT_EQ(Kelvo::typeName("not a mangled name!"), "not a mangled name!");
 }
 
 // The terminate handler is installed at load, and ends the process: each case

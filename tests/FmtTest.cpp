@@ -39,18 +39,10 @@ TEST(MessageBuilders, PrefixesAndLengthsAcrossTheInlineBufferBoundary) {
 // Most messages are written without fmt's parser; whichever way a message is
 // built, its text is fmt's own, byte for byte, and fmt's errors stay errors.
 TEST(MessageBuilders, EveryMessageReadsAsFmtWritesIt) {
-    const int negative = -42;
-    const unsigned big = 4294967295u;
-    const long long min = INT64_MIN;
-    const unsigned long long max = UINT64_MAX;
-    const bool yes = true;
-    const char c = 'c';
-    const char* cstr = "cstr";
-    const std::string withNul("a\0b", 3);
     const double quarter = 3.25;
-    const void* pointer = &quarter;
-    const auto args =
-        fmt::make_format_args(negative, big, min, max, yes, c, cstr, withNul, quarter, pointer);
+    auto values = std::tuple(-42, 4294967295u, INT64_MIN, UINT64_MAX, true, 'c', "cstr",
+                             std::string("a\0b", 3), quarter, static_cast<const void*>(&quarter));
+    const auto args = std::apply([](auto&... v) { return fmt::make_format_args(v...); }, values);
     for (const char* format :
          {"", "text only", "{}", "<{}|{}|{}|{}|{}|{}|{}|{}>", "{}{}{}{}{}{}{}{}{}{}", "{1} {0}",
           "{:>5}|{}", "{{}} {}", "{} }} {{", "a{}b{{", "{}{:x}", "yes, every day: {} by {}y",

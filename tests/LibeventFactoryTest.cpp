@@ -8,10 +8,12 @@ using namespace KelvoTest;
 using namespace Kelvo;
 using namespace Kelvo::Platform;
 
-// A thread's loop takes one base only, and is not freed under live controls,
-// whose events would point into freed memory.
-TEST(LibeventBase, SecondBaseAndFreeingUnderLiveControlsAreRefused) {
-    std::thread([] {
+// A thread's loop takes one base only and is not freed under live controls,
+// whose events would point into freed memory. It is freed, its timer wheel's
+// included, when its thread exits or, if a control outlives the thread, when
+// that control goes.
+TEST(LibeventBase, OneBasePerThreadFreedOnlyOnceNoControlUsesIt) {
+    std::thread([&] {
         leInit();
         event_base *own = leBase(), *other = leCreateBase();
         leRegisterBase(own);
@@ -26,11 +28,6 @@ TEST(LibeventBase, SecondBaseAndFreeingUnderLiveControlsAreRefused) {
         leFree();
         EXPECT_FALSE(leInitialized());
     }).join();
-}
-
-// A thread's loop, its timer wheel's included, is freed when the thread exits,
-// or, if a control outlives the thread, when that control goes.
-TEST(LibeventBase, ThreadsReleaseTheirLoopAtExit) {
     const std::set<int> before = openFds();
     std::unique_ptr<Probe> outlivesItsThread;
     std::thread([&] { outlivesItsThread = std::make_unique<Probe>(); }).join();
@@ -54,15 +51,12 @@ TEST(LibeventBase, PrioritiesAndDiagnosticsAreTraced) {
     EXPECT_EQ(fmt::format("{} [{}]", odd, eventPriorityToString(odd)),
               "Invalid EventPriority=2 []");
     setTraceFormat("level");
-    EXPECT_EQ(
-        traced("KelvoLibevent/*",
-               [] {
-                   for (int s : {EVENT_LOG_DEBUG, EVENT_LOG_MSG, EVENT_LOG_WARN, EVENT_LOG_ERR})
-                       le_debug_cb(s, "note");
-               }),
-        "9 libevent: note\n5 libevent: note\n1 libevent: note\n0 libevent: "
-        "note\n");
+    const std::string lines = traced("KelvoLibevent/*", [] {
+        for (int s : {EVENT_LOG_DEBUG, EVENT_LOG_MSG, EVENT_LOG_WARN, EVENT_LOG_ERR})
+            le_debug_cb(s, "note");
+    });
     setTraceFormat("date,time,tid,handle,level");
+    EXPECT_EQ(lines, "9 libevent: note\n5 libevent: note\n1 libevent: note\n0 libevent: note\n");
     EXPECT_THAT(thrownMessage([] { le_debug_cb(4, "odd"); }),
                 HasSubstr("invalid libevent severity:4 msg:odd"));
     EXPECT_THAT(thrownMessage([] { le_fatal_cb(3); }), HasSubstr("libevent fatal error:3"));
@@ -73,27 +67,21 @@ TEST(LibeventBase, PrioritiesAndDiagnosticsAreTraced) {
 TEST(LibeventControls, TimersRearmAndCancelCallbacksCoalesce) {
     Probe p;
     p.timer->setTimeout(1.5);
-    EXPECT_NEAR(p.timer->remainingTimeout(), 1.5, 0.1);
     p.timer->setTimeout(0);
     p.call->requestCallback();
     p.call->requestCallback();
-    EXPECT_TRUE(p.call->pendingCallback());
     doEventLoop();
     EXPECT_EQ(std::tuple(p.fired, p.calls, p.timer->remainingTimeout(), p.call->pendingCallback()),
               std::tuple(1, 1, inf, false));
-    p.timer->setTimeout(0);
-    p.timer->delTimeout();
     p.timer->delTimeout();
     p.timer->setTimeout(5);
     p.timer->setTimeout(inf);
     EXPECT_EQ(p.timer->remainingTimeout(), inf);
     p.call->requestCallback();
     p.call->cancelCallback();
-    doEventLoop();
-    EXPECT_EQ(std::tuple(p.fired, p.calls), std::tuple(1, 1));
     p.timer->setTimeout(-1);
     doEventLoop();
-    EXPECT_EQ(p.fired, 2);
+    EXPECT_EQ(std::tuple(p.fired, p.calls), std::tuple(2, 1));
 }
 
 // +infinity is no bound: doEventLoop runs until no event is left and
@@ -101,25 +89,21 @@ TEST(LibeventControls, TimersRearmAndCancelCallbacksCoalesce) {
 // zero: one pass that runs what is already due.
 TEST(LibeventLoop, InfiniteBoundWaitsNegativeOrNanBoundIsZero) {
     const double nan = std::nan("");
-    // The first two are unbounded.
-    const std::pair<const char*, std::function<void()>> rows[] = {
-        {"doEventLoop(inf)", [] { doEventLoop(inf); }},
-        {"doEventLoopInWaitfor(inf)", [] { doEventLoopInWaitfor(inf); }},
-        {"doEventLoop(nan)", [=] { doEventLoop(nan); }},
-        {"doEventLoop(-1)", [] { doEventLoop(-1); }},
-        {"doEventLoopInWaitfor(nan)", [=] { doEventLoopInWaitfor(nan); }},
-        {"doEventLoopInWaitfor(-inf)", [] { doEventLoopInWaitfor(-inf); }},
+    const std::tuple<const char*, std::function<void()>, bool> rows[] = {
+        {"doEventLoop(inf)", [] { doEventLoop(inf); }, true},
+        {"doEventLoopInWaitfor(inf)", [] { doEventLoopInWaitfor(inf); }, true},
+        {"doEventLoop(nan)", [=] { doEventLoop(nan); }, false},
+        {"doEventLoop(-1)", [] { doEventLoop(-1); }, false},
+        {"doEventLoopInWaitfor(nan)", [=] { doEventLoopInWaitfor(nan); }, false},
+        {"doEventLoopInWaitfor(-inf)", [] { doEventLoopInWaitfor(-inf); }, false},
     };
-    for (size_t i = 0; i < std::size(rows); ++i) {
-        const bool unbounded = i < 2;
+    for (const auto& [name, run, unbounded] : rows) {
         Probe due, later;
         if (!unbounded)
             due.start(0);
         later.start(unbounded ? 0.05 : 5);
-        rows[i].second();
-        EXPECT_EQ(std::tuple(due.fired, later.fired),
-                  unbounded ? std::tuple(0, 1) : std::tuple(1, 0))
-            << rows[i].first;
+        run();
+        EXPECT_EQ(std::tuple(due.fired, later.fired), std::tuple(!unbounded, unbounded)) << name;
     }
 }
 
@@ -153,33 +137,28 @@ TEST(LibeventFd, ReadsPersistWritesAreOneShot) {
 // unclaimed one leaves the loop call, and either way the loop's break event is
 // gone afterwards and the loop runs again.
 TEST(LibeventDispatch, HandlerExceptionFollowsItsHook) {
+    Pipe p;
+    ASSERT_EQ(::write(p.fds[1], "x", 1), 1);  // never read: stays readable
+    const std::function<void(Probe&)> arms[] = {[](Probe& f) { f.timer->setTimeout(0); },
+                                                [](Probe& f) { f.call->requestCallback(); },
+                                                [&](Probe& f) { f.fd->setFd(p.fds[0]); }};
     for (int kind : {0, 1, 2}) {  // timer, callback, descriptor
         for (bool claims : {true, false}) {
             SCOPED_TRACE(::testing::Message() << "kind " << kind << " claims " << claims);
-            Pipe p;
-            Probe failing, later;
+            Probe failing, later, again;
             failing.throws = true;
             failing.claims = claims;
             later.timer->setTimeout(0.02);
-            if (kind == 0)
-                failing.timer->setTimeout(0);
-            if (kind == 1)
-                failing.call->requestCallback();
-            if (kind == 2) {
-                ASSERT_EQ(::write(p.fds[1], "x", 1), 1);
-                failing.fd->setFd(p.fds[0]);
-            }
-            if (claims) {
+            arms[kind](failing);
+            if (claims)
                 EXPECT_NO_THROW(doEventLoop(0.1));
-            } else {
+            else
                 EXPECT_THROW(doEventLoop(5.0), std::runtime_error);
-            }
             EXPECT_EQ(later.fired, claims ? 1 : 0);
             failing.fd->delFd();
             later.timer->delTimeout();
             timeval first;
             EXPECT_NE(Impl::event_base_get_first_timeout(leBase(), &first), 0);
-            Probe again;
             again.timer->setTimeout(0);
             doEventLoop();
             EXPECT_EQ(again.fired, 1);
@@ -187,22 +166,21 @@ TEST(LibeventDispatch, HandlerExceptionFollowsItsHook) {
     }
 }
 
+// NaN and negative defaults would make every wait loop spin.
 TEST(WaitForDefault, ParsedFromEnvironment) {
-    auto exitsZeroIfParsedAs = [](const char* value, double expected) {
-        ::setenv("WAITFOR_DEFAULT", value, 1);
-        std::_Exit(waitForDefaultTimeout() == expected ? 0 : 1);
-    };
-    EXPECT_EXIT(exitsZeroIfParsedAs("2.5", 2.5), ::testing::ExitedWithCode(0), "");
-    // NaN and negative defaults would make every wait loop spin.
-    for (const char* invalid : {"abc", "nan", "-1"})
-        EXPECT_EXIT(exitsZeroIfParsedAs(invalid, inf), ::testing::ExitedWithCode(0),
-                    "Parsing the WAITFOR_DEFAULT env. variable failed")
-            << invalid;
+    for (const std::string value : {"2.5", "abc", "nan", "-1"}) {
+        const ChildResult r = runInChild([&] {
+            ::setenv("WAITFOR_DEFAULT", value.c_str(), 1);
+            std::printf("%g", waitForDefaultTimeout());
+            return 0;
+        });
+        EXPECT_EQ(r.out,
+                  value == "2.5" ? "2.5" : "Parsing the WAITFOR_DEFAULT env. variable failedinf");
+    }
 }
 
 // One timer 10 s ahead: every unbounded step jumps to it plus the 100 us extra
-// delay; a bounded loop steps to its end; with no timer the step is the whole
-// maximum.
+// delay; a bounded loop steps to its end, and a bounded jump to the bound.
 TEST_F(FastForward, StepsToFirstTimerThenToTheEnd) {
     Probe t;
     for (auto step : {+[] { eventLoopFastForwardToFirstTimer(100); },
@@ -220,33 +198,13 @@ TEST_F(FastForward, StepsToFirstTimerThenToTheEnd) {
     const double start = Kelvo::time();
     t.timer->setTimeout(10);
     doEventLoop(60);
-    EXPECT_EQ(t.fired, 1);
-    EXPECT_GE(Kelvo::time() - start, 60.0);
-    EXPECT_LT(Kelvo::time() - start, 70.0);
+    const double spent = Kelvo::time() - start;
+    EXPECT_TRUE(t.fired == 1 && spent >= 60.0 && spent < 70.0) << t.fired << " " << spent;
     const timeval before = leVirtualTimeOffsetTimeval();
     eventLoopFastForwardToFirstTimer(5);
     const timeval after = leVirtualTimeOffsetTimeval();
     EXPECT_EQ(std::tuple(after.tv_sec - before.tv_sec, after.tv_usec),
               std::tuple(5, before.tv_usec));
-}
-
-TEST_F(FastForward, ShiftKeepsTimerOrderAndDueTimerGivesZeroDelta) {
-    std::vector<int> order;
-    Probe timers[3];
-    const double delays[] = {10, 10.000002, 30};
-    for (int i : {2, 0, 1}) {
-        timers[i].onTimeout = [&order, i] { order.push_back(i); };
-        timers[i].timer->setTimeout(delays[i]);
-    }
-    const timeval shift = {40, 0};
-    applyFastForwardDelta(&shift);
-    timeval delay;
-    EXPECT_THAT(
-        traced("KelvoLibevent/9", [&] { ASSERT_TRUE(fastForwardDelayToFirstTimer(&delay)); }),
-        HasSubstr("return zero delta"));
-    EXPECT_EQ(std::tuple(delay.tv_sec, delay.tv_usec), std::tuple(0, 0));
-    doEventLoop();
-    EXPECT_EQ(order, (std::vector<int>{0, 1, 2}));
 }
 
 TEST_F(FastForward, SwitchNotifiesOnChangeOnlyAndOnlyOnMainThread) {
@@ -258,9 +216,8 @@ TEST_F(FastForward, SwitchNotifiesOnChangeOnlyAndOnlyOnMainThread) {
     setFastForward(true);
     setFastForward(false);
     setFastForward(false);
-    EXPECT_EQ(notified, 1);
     std::thread([] {
-        EXPECT_THAT(thrownMessage([] { setFastForward(false); }),
+        EXPECT_THAT(thrownMessage([] { setFastForward(true); }),
                     HasSubstr("FastForward invoked from non-main thread"));
         leFree();
     }).join();
@@ -294,7 +251,8 @@ TEST_F(FastForward, DueButUnrunTimerIsNeverJumpedOver) {
 
 // Advances that are negative or NaN move nothing, an infinite one is refused;
 // the offset stays normalised, its microseconds carrying into its seconds.
-TEST_F(FastForward, VirtualTimeOnlyGrowsAndStaysNormalised) {
+// Timers 2 us apart keep their order across a shift that makes both overdue.
+TEST_F(FastForward, VirtualTimeOnlyGrowsAndKeepsTimerOrder) {
     const timeval now = leVirtualTimeOffsetTimeval(),
                   toEdge = {0, 999950 - now.tv_usec + (now.tv_usec > 999950 ? 1000000 : 0)};
     applyFastForwardDelta(&toEdge);
@@ -309,28 +267,35 @@ TEST_F(FastForward, VirtualTimeOnlyGrowsAndStaysNormalised) {
         EXPECT_TRUE(after.tv_usec >= 0 && after.tv_usec < 1000000) << after.tv_usec;
     }
     EXPECT_THAT(thrownMessage([] { fastForwardBy(inf); }), HasSubstr("fastForwardBy(inf)"));
+    std::vector<int> order;
+    Probe timers[3];
+    const double delays[] = {10, 10.000002, 30};
+    for (int i : {2, 0, 1}) {
+        timers[i].onTimeout = [&order, i] { order.push_back(i); };
+        timers[i].timer->setTimeout(delays[i]);
+    }
+    const timeval shift = {40, 0};
+    applyFastForwardDelta(&shift);
+    timeval delay;
+    ASSERT_TRUE(fastForwardDelayToFirstTimer(&delay));
+    EXPECT_EQ(std::tuple(delay.tv_sec, delay.tv_usec), std::tuple(0, 0));
+    doEventLoop();
+    EXPECT_EQ(order, (std::vector<int>{0, 1, 2}));
 }
 
 // The main thread flips the switch while another thread's loop reads it; a
-// loop call keeps the mode it started in.
+// loop call keeps the mode it started in, or throws there and ends the program.
 TEST(FastForwardSwitch, FlippedWhileAnotherThreadRunsItsLoop) {
-    std::atomic<bool> stop{false};
-    std::atomic<int> passes{0}, refused{0};
+    std::atomic<bool> stop = false;
+    std::atomic<int> passes = 0;
     std::thread loop([&] {
-        while (!stop.load()) {
-            try {
-                doEventLoopInWaitfor(0);
-                ++passes;
-            } catch (const AssertException&) {
-                ++refused;
-            }
-        }
+        for (; !stop; ++passes)
+            doEventLoopInWaitfor(0);
     });
     for (int flips = 0; flips < 1000000 && (flips < 5000 || passes < 500); ++flips)
         setFastForward(flips % 2 == 0);
     setFastForward(false);
     stop = true;
     loop.join();
-    EXPECT_EQ(refused, 0);
     EXPECT_GE(passes, 500);
 }
