@@ -40,9 +40,8 @@ TEST(Thread, SingletonChoiceIsPerThreadAndLockedByFirstUse) {
     const auto shared = Kelvo::getTimerWheel();
     std::thread([&] {
         Kelvo::useThreadLocalSingletons();
-        Kelvo::useThreadLocalSingletons();  // again: harmless
         EXPECT_NE(Kelvo::getTimerWheel(), shared);
-        Kelvo::useThreadLocalSingletons();  // after use, same choice: harmless
+        Kelvo::useThreadLocalSingletons();  // again, after use: harmless
     }).join();
     std::thread([&] {
         EXPECT_EQ(Kelvo::getTimerWheel(), shared);
