@@ -20,25 +20,20 @@ std::string names() {
     return std::string(name) + "/" + Kelvo::threadName();
 }
 
-TEST(Thread, MainKeepsItsIdentityAndAWorkerIsRenamedWithinTheKernelLimit) {
+// The singleton choice is shown through the timer wheel singleton.
+TEST(Thread, IdentityAndNameAreTheThreadsOwnAndTheSingletonChoiceIsLockedByFirstUse) {
+    const auto shared = Kelvo::getTimerWheel();
     const std::string before = names();
     Kelvo::threadNameIs("renamed");
     EXPECT_EQ(names(), before) << "the main thread keeps its name";
     EXPECT_TRUE(ownIds(true));
     EXPECT_TRUE(runInChild([] { return ownIds(true) ? 0 : 1; }).exitedOk());
-    std::thread([] {
+    std::thread([&] {
         EXPECT_TRUE(ownIds(false));
         Kelvo::threadNameIs("exactly15chars!");
         EXPECT_THAT(thrownMessage([] { Kelvo::threadNameIs("twenty-characters-xx"); }),
                     HasSubstr("pthread_setname_np() failed:34 for name:twenty-characters-xx"));
         EXPECT_EQ(names(), "exactly15chars!/exactly15chars!");
-    }).join();
-}
-
-// Shown through the timer wheel singleton.
-TEST(Thread, SingletonChoiceIsPerThreadAndLockedByFirstUse) {
-    const auto shared = Kelvo::getTimerWheel();
-    std::thread([&] {
         Kelvo::useThreadLocalSingletons();
         EXPECT_NE(Kelvo::getTimerWheel(), shared);
         Kelvo::useThreadLocalSingletons();  // again, after use: harmless
