@@ -24,7 +24,7 @@ std::vector<int> ids(const L& list) {
 
 }  // namespace
 
-TEST(BookmarkList, IteratorsAndCountsNeverShowBookmarksAndNodesOutliveLists) {
+TEST(BookmarkList, BookmarksStayHiddenMisuseFailsAndNodesOutliveLists) {
     auto a = std::make_unique<Item>(1), b = std::make_unique<Item>(2),
          c = std::make_unique<Item>(3);
     {
@@ -49,34 +49,22 @@ TEST(BookmarkList, IteratorsAndCountsNeverShowBookmarksAndNodesOutliveLists) {
         EXPECT_THAT((std::vector{at(m1), at(m2), at(m4), at(b->regLink)}), ElementsAre(1, 2, 0, 2));
         for (auto* item : {a.get(), b.get(), c.get()})
             run.pushBack(*item);
+        // The class part of the prefix is ListImpl with its template parameters.
+        const char* beingLinked = "::beingLinked() !( element.*ptrToLinkNode ).isLinked()";
+        EXPECT_THAT([&] { run.pushBack(*a); }, failsWith(beingLinked));
+        EXPECT_THAT([&] { reg.insertBefore(reg.end(), *b); }, failsWith(beingLinked));
+        EXPECT_THAT([&] { m1.insertBefore(reg.end()); },
+                    failsWith("Bookmark::insertBefore() !link.isLinked()"));
+        EXPECT_THAT([&] { reg.pushFront(m1); }, failsWith("::pushFront() !link.isLinked()"));
+        EXPECT_THAT([&] { (void)RegList::Iterator(reg, RegList::Bookmark()); },
+                    failsWith("iterator at an unlinked node"));
         b.reset();  // a destroyed element takes itself off every list
-        EXPECT_THAT(ids(run), ElementsAre(1, 3));
+        EXPECT_THAT(ids(run), ElementsAre(1, 3)) << "and misuse moved nothing";
         EXPECT_THAT(ids(reg), ElementsAre(1));
         reg.pushFront(*c);
     }
     // Lists destroyed with nodes on them leave every node unlinked.
     EXPECT_FALSE(a->runLink.isLinked() || a->regLink.isLinked() || c->regLink.isLinked());
-}
-
-TEST(IntrusiveList, MisuseFailsTheNamedAssertion) {
-    Item a(1), loose(2);
-    RunList run;
-    RegList reg;
-    RegList::Bookmark mark;
-    run.pushBack(a);
-    reg.pushBack(a);
-    reg.pushFront(mark);
-    // The class part of the prefix is ListImpl with its template parameters.
-    const char* beingLinked = "::beingLinked() !( element.*ptrToLinkNode ).isLinked()";
-    EXPECT_THAT([&] { run.pushBack(a); }, failsWith(beingLinked));
-    EXPECT_THAT([&] { reg.insertBefore(reg.end(), a); }, failsWith(beingLinked));
-    EXPECT_THAT([&] { mark.insertBefore(reg.end()); },
-                failsWith("Bookmark::insertBefore() !link.isLinked()"));
-    EXPECT_THAT([&] { reg.pushFront(mark); }, failsWith("::pushFront() !link.isLinked()"));
-    EXPECT_THAT([&] { (void)RunList::Iterator(run, loose.runLink); },
-                failsWith("iterator at an unlinked node"));
-    EXPECT_EQ(ids(run), ids(reg)) << "nothing moved";
-    EXPECT_THAT(ids(reg), ElementsAre(1));
 }
 
 TEST(BookmarkList, ResumableWalkVisitsEverySurvivorExactlyOnce) {
@@ -87,6 +75,7 @@ TEST(BookmarkList, ResumableWalkVisitsEverySurvivorExactlyOnce) {
         // removed, which allows at most one visit.
         std::vector<int> visits, expected;
         RegList reg;
+        RegList::Bookmark mark;
         auto add = [&](bool front) {
             items.push_back(std::make_unique<Item>(static_cast<int>(visits.size())));
             visits.push_back(0);
@@ -95,7 +84,6 @@ TEST(BookmarkList, ResumableWalkVisitsEverySurvivorExactlyOnce) {
         };
         for (int i = 0; i < 200; ++i)
             add(false);
-        RegList::Bookmark mark;
         reg.pushFront(mark);
         for (unsigned runs = 0; mark.isLinked(); ++runs) {
             ASSERT_LT(runs, 10000u) << "walk does not progress, k=" << k;
@@ -106,19 +94,17 @@ TEST(BookmarkList, ResumableWalkVisitsEverySurvivorExactlyOnce) {
             if (it == reg.end())
                 break;
             mark.insertBefore(it);
-            // While the walker is away: destroy or unlink some elements (sometimes
-            // the one the bookmark stands before) and add one at either end.
+            // While the walker is away: destroy or unlink some elements, often
+            // the one the bookmark stands before, and add one at either end.
             for (int n = 0; n < 3 && !items.empty(); ++n) {
-                const size_t victim = rng() % items.size();
-                expected[items[victim]->id] = -1;
-                RegList::remove(*items[victim]);
+                RegList::Iterator next(reg, mark);
+                Item* victim = next != reg.end() && rng() % 3 == 0
+                                   ? &*next
+                                   : items[rng() % items.size()].get();
+                expected[victim->id] = -1;
+                RegList::remove(*victim);
                 if (rng() % 2)
-                    items.erase(items.begin() + victim);
-            }
-            if (RegList::Iterator next(reg, mark); next != reg.end() && rng() % 4 == 0) {
-                expected[next->id] = -1;
-                items.erase(std::find_if(items.begin(), items.end(),
-                                         [&](auto& item) { return item.get() == &*next; }));
+                    std::erase_if(items, [&](const auto& item) { return item.get() == victim; });
             }
             add(rng() % 2);
         }

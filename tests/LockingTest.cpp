@@ -1,5 +1,7 @@
 #include "TestSupport.h"
 
+#include <future>
+
 using namespace KelvoTest;
 
 namespace {
@@ -7,13 +9,7 @@ namespace {
 using Kelvo::Locking::ConditionalGuard;
 using Kelvo::Locking::Lock;
 using Kelvo::Locking::RecursiveLock;
-
-template <typename F>
-auto onOtherThread(F f) {
-    decltype(f()) result{};
-    std::thread([&] { result = f(); }).join();
-    return result;
-}
+namespace Platform = Kelvo::Platform;
 
 // unlock() is noexcept: a failed owner check ends the process in either
 // assertion mode; the aborting one prints the message plainly.
@@ -34,7 +30,9 @@ TEST(LockingDeathTest, ReleaseByAnotherThreadNamesBothThreads) {
 TEST(Locking, RecursiveLockIsReleasedByTheOutermostUnlock) {
     RecursiveLock lock;
     const auto takenElsewhere = [&] {
-        return onOtherThread([&] { return lock.try_lock() && (lock.unlock(), true); });
+        return std::async(std::launch::async,
+                          [&] { return lock.try_lock() && (lock.unlock(), true); })
+            .get();
     };
     for (int i = 0; i < 3; ++i)
         lock.lock();
@@ -48,40 +46,36 @@ TEST(Locking, RecursiveLockIsReleasedByTheOutermostUnlock) {
 
 TEST(Locking, ConditionalGuardReleasesOnlyWhatItStillHolds) {
     Lock lock;
-    { ConditionalGuard guard(lock); }
-    EXPECT_FALSE(lock.owns_lock());
-    {
-        ConditionalGuard guard(lock);
-        guard.releaseIs(false);
+    for (int how : {0, 1, 2}) {  // releases, is told not to, finds it released by its owner
+        {
+            ConditionalGuard guard(lock);
+            guard.releaseIs(how != 1);
+            if (how == 2)
+                lock.unlock();  // a second release would be fatal
+        }
+        EXPECT_EQ(lock.owns_lock(), how == 1) << how;
+        if (how == 1)
+            lock.unlock();
     }
-    EXPECT_TRUE(lock.owns_lock());
-    lock.unlock();
-    {
-        // Released early by its owner: a second release would be fatal.
-        ConditionalGuard guard(lock);
-        lock.unlock();
-    }
-    EXPECT_TRUE(lock.try_lock());
-    lock.unlock();
 }
 
-// Its release by the outermost guard is the recursive lock's, checked above.
-TEST(Loco, OneRecursiveLockForTheWholeProcess) {
-    Kelvo::Platform::LocoGuard outer, inner;
-    Kelvo::Platform::Loco& loco = Kelvo::Platform::loco();
-    EXPECT_EQ(onOtherThread([] { return &Kelvo::Platform::loco(); }), &loco);
-    EXPECT_EQ(std::pair(loco.owns_lock(), onOtherThread([&] { return loco.owns_lock(); })),
-              std::pair(true, false));
-}
-
-struct LocksAtExit {
-    ~LocksAtExit() {
-        Kelvo::Platform::LocoGuard guard;
-        ::write(STDERR_FILENO, "loco still usable\n", 18);
+// One recursive lock for the whole process, usable from static destructors;
+// its release by the outermost guard is the recursive lock's, checked above.
+TEST(LocoDeathTest, OneLockForTheWholeProcessUsableAtExit) {
+    {
+        Platform::LocoGuard outer, inner;
+        const auto other = [] {
+            return std::pair(&Platform::loco(), Platform::loco().owns_lock());
+        };
+        EXPECT_EQ(std::async(std::launch::async, other).get(), std::pair(&Platform::loco(), false));
+        EXPECT_EQ(other(), std::pair(&Platform::loco(), true));
     }
-};
-
-TEST(LocoDeathTest, UsableFromStaticDestructors) {
+    struct LocksAtExit {
+        ~LocksAtExit() {
+            Platform::LocoGuard guard;
+            ::write(STDERR_FILENO, "loco still usable\n", 18);
+        }
+    };
     EXPECT_EXIT(
         {
             static LocksAtExit atExit;

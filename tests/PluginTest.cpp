@@ -52,7 +52,6 @@ TEST_F(Plugin, CountersForwardToThePluginOrHandBackTheFallback) {
     Kelvo::Counters without("daemon");
     EXPECT_FALSE(without.hasPlugin());
     EXPECT_EQ(without.counter("owned", &fallback), &fallback);
-    EXPECT_EQ(without.counter("other", nullptr), nullptr);
     EXPECT_EQ(runInChild([&] {
                   // Loading by full path runs the registration; Counters then finds it.
                   void* library =
@@ -61,13 +60,11 @@ TEST_F(Plugin, CountersForwardToThePluginOrHandBackTheFallback) {
                   childCheck(library != nullptr);
                   auto setNames =
                       reinterpret_cast<const char* (*)()>(::dlsym(library, "vigilTestSetNames"));
-                  Kelvo::Counters counters("daemon");
-                  Kelvo::Counters unnamed(nullptr);
+                  Kelvo::Counters counters("daemon"), unnamed(nullptr);
                   childCheck(counters.hasPlugin() && unnamed.hasPlugin());
                   childCheck(setNames != nullptr && std::strcmp(setNames(), "daemon;") == 0);
                   uint64_t* owned = counters.counter("owned", &fallback);
-                  childCheck(owned != &fallback && owned != nullptr);
-                  childCheck(unnamed.counter("owned", &fallback) == owned);
+                  childCheck(owned != &fallback && unnamed.counter("owned", nullptr) == owned);
                   childCheck(counters.counter("other", &fallback) == &fallback);
                   return 0;
               }).text(),
@@ -76,11 +73,7 @@ TEST_F(Plugin, CountersForwardToThePluginOrHandBackTheFallback) {
 
 TEST_F(Plugin, CheckIncompatAbortsOnlyWhenAnotherPlatformLibraryWasBoundFirst) {
     const auto run = [](const std::string& program) {
-        return runInChild([&] {
-                   ::execl(program.c_str(), program.c_str(), nullptr);
-                   std::perror("execl");
-                   return 127;
-               })
+        return runInChild([&] { return ::execl(program.c_str(), program.c_str(), nullptr); })
             .text();
     };
     EXPECT_EQ(run(pluginDir + "/kelvo_incompat_ok"), "checkIncompat passed\nexit 0");
