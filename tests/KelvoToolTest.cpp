@@ -139,6 +139,10 @@ TEST(KelvoTool, EveryCommandLineGetsItsAnswerOrOneErrorLine) {
                 EXPECT_THAT(result.out, ContainsRegex(pattern));
         }
     }
+    // No command at all is a bad command line: the usage, on standard error.
+    const ChildResult bare = kelvo({});
+    EXPECT_THAT(bare.text(), EndsWith("exit 2"));
+    EXPECT_THAT(bare.err, StartsWith("usage: kelvo <command>"));
     // -o FILE writes there, not to standard output.
     const std::string file = ::testing::TempDir() + "/" + name + ".json";
     EXPECT_EQ(kelvo({"timeline", name, "-o", file}).text(), "exit 0");
