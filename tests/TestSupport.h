@@ -321,8 +321,13 @@ class HeldChild {
 // Runs the calling thread's loop in 10 ms slices until done() holds or the
 // limit (seconds of loop time) is spent; returns done().
 inline bool loopUntil(const std::function<bool()>& done, double limit = 10.0) {
-    for (double spent = 0; !done() && spent < limit; spent += 0.01)
+    // done() is asked once per pass and never again after it held, so it may
+    // consume what it sees (reap a child, say).
+    for (double spent = 0; spent < limit; spent += 0.01) {
+        if (done())
+            return true;
         Kelvo::Platform::doEventLoop(0.01);
+    }
     return done();
 }
 
