@@ -35,15 +35,16 @@ namespace {
 
 constexpr double infinity = std::numeric_limits<double>::infinity();
 
-// Inline: a deferred callback's request and firing check it five times, and
-// each check must cost a load, not a call.
-[[gnu::always_inline]] inline const std::shared_ptr<Platform::DebugHandler>& trace() {
-    static const std::shared_ptr<Platform::DebugHandler> handle =
-        Platform::getDebugHandler("KelvoLibevent");
-    return handle;
+// Made at load so that TRACE applies to it before any loop exists, and
+// never released (code running at exit may still trace). A deferred
+// callback's request and firing check it five times: a plain pointer costs
+// a load there, with no initialisation guard and no cold start-up code.
+const Platform::DebugHandler* const libeventTraceHandle =
+    (new std::shared_ptr<Platform::DebugHandler>(Platform::getDebugHandler("KelvoLibevent")))
+        ->get();
+[[gnu::always_inline]] inline const Platform::DebugHandler* trace() {
+    return libeventTraceHandle;
 }
-// Created at load so that TRACE applies to it before any loop exists.
-const bool traceHandleCreated = (trace(), true);
 
 thread_local bool mainThread = false;
 // This thread's base and the record that owns it; set and cleared together.
@@ -373,7 +374,14 @@ void LibeventTimerControl::setTimeout(double seconds) {
 }
 
 void LibeventTimerControl::setTimeoutNow() {
-    if (event_.ev_evcallback.evcb_flags & (EVLIST_TIMEOUT | EVLIST_ACTIVE | EVLIST_ACTIVE_LATER)) {
+    const short flags = event_.ev_evcallback.evcb_flags;
+    if ((flags & EVLIST_TIMEOUT) && expiry_ == -infinity) {
+        // Due now already, as setTimeout(0.0) would find it: a request
+        // repeated before its callback ran changes nothing.
+        KELVO_TRACEM(trace(), 9, "Timer {} set timeout {}", static_cast<void*>(this), 0.0);
+        return;
+    }
+    if (flags & (EVLIST_TIMEOUT | EVLIST_ACTIVE | EVLIST_ACTIVE_LATER)) {
         setTimeout(0.0);
         return;
     }

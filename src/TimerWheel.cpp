@@ -15,12 +15,15 @@ namespace {
 constexpr double infinity = std::numeric_limits<double>::infinity();
 constexpr double ticksPerSecond = 100;
 
-const std::shared_ptr<Platform::DebugHandler>& trace() {
-    static const std::shared_ptr<Platform::DebugHandler> handle =
-        Platform::getDebugHandler("KelvoTimerWheel");
-    return handle;
+// Made at load so that TRACE applies to it before any wheel exists, and
+// never released (code running at exit may still trace). Every timer's start,
+// stop and expiry checks it: a plain pointer costs a load there.
+const Platform::DebugHandler* const wheelTraceHandle =
+    (new std::shared_ptr<Platform::DebugHandler>(Platform::getDebugHandler("KelvoTimerWheel")))
+        ->get();
+[[gnu::always_inline]] inline const Platform::DebugHandler* trace() {
+    return wheelTraceHandle;
 }
-const bool traceHandleCreated = (trace(), true);
 
 // Ticks past the wheel's range saturate, as the wheel's own sums do.
 timeout_t tickOf(double ticks) {
@@ -314,8 +317,8 @@ std::shared_ptr<TimerWheel> getTimerWheel() {
         return wheel;
     }
     // Never destroyed: timers may still be stopped from static destructors.
-    static auto* wheel = new std::shared_ptr<TimerWheel>(
-        allocateShared<TimerWheel>(Platform::eventPriorityDefault));
+    static auto* wheel =
+        new std::shared_ptr<TimerWheel>(allocateShared<TimerWheel>(Platform::eventPriorityDefault));
     return *wheel;
 }
 

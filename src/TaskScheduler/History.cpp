@@ -9,9 +9,10 @@
 
 namespace Kelvo {
 
-namespace {
-const bool traceHandleCreated = (Impl::schedulerTrace(), true);
-}  // namespace
+// Made at load so that TRACE applies to it before any scheduler exists.
+const Platform::DebugHandler* const Impl::schedulerTraceHandle =
+    (new std::shared_ptr<Platform::DebugHandler>(Platform::getDebugHandler("KelvoTaskScheduler")))
+        ->get();
 
 const char* taskSchedulerEventTypeDisplay(TaskSchedulerEventType type) {
     static constexpr const char* displays[] = {

@@ -29,12 +29,14 @@
 namespace Kelvo {
 namespace Impl {
 
-// The module's trace handle, "KelvoTaskScheduler". Inline: every run checks
-// it a few times, and the check must cost a load, not a call.
-[[gnu::always_inline]] inline const std::shared_ptr<Platform::DebugHandler>& schedulerTrace() {
-    static const std::shared_ptr<Platform::DebugHandler> handle =
-        Platform::getDebugHandler("KelvoTaskScheduler");
-    return handle;
+// The module's trace handle, "KelvoTaskScheduler", made at load and never
+// released (code running at exit may still trace). Every run checks it a few
+// times: a plain pointer costs a load there, with no initialisation guard to
+// test and no cold start-up code to widen the caller's frame. Null, and so
+// off, only for code that runs at load before it is made.
+extern const Platform::DebugHandler* const schedulerTraceHandle;
+[[gnu::always_inline]] inline const Platform::DebugHandler* schedulerTrace() {
+    return schedulerTraceHandle;
 }
 
 // Invariants whose failure must stop the process even when assertions
