@@ -20,6 +20,8 @@
 #include <utility>
 #include <vector>
 
+#include <boost/container/small_vector.hpp>
+
 template <>
 struct fmt::formatter<timeval> : fmt::formatter<fmt::string_view> {
     template <typename Context>
@@ -742,27 +744,30 @@ struct PendingTimer {
     bool due;
 };
 
+// Every fast-forward step collects the timers twice; a loop that
+// fast-forwards holds a handful, so they fit without an allocation.
+using PendingTimers = boost::container::small_vector<PendingTimer, 16>;
+
 int collectTimer(const event_base*, const event* ev, void* arg) {
     const short flags = ev->ev_evcallback.evcb_flags;
     const bool pending = flags & EVLIST_TIMEOUT;
     const bool due = (flags & EVLIST_ACTIVE) && (ev->ev_res & EV_TIMEOUT);
     if (pending || due) {
-        static_cast<std::vector<PendingTimer>*>(arg)->push_back(
+        static_cast<PendingTimers*>(arg)->push_back(
             {const_cast<event*>(ev), expiryOf(ev), !pending});
     }
     return 0;
 }
 
-std::vector<PendingTimer> timersOf(event_base* base) {
-    std::vector<PendingTimer> timers;
+void collectTimers(event_base* base, PendingTimers& timers) {
     event_base_foreach_event(base, collectTimer, &timers);
-    return timers;
 }
 
 }  // namespace
 
 int event_base_get_first_timeout(event_base* base, timeval* first) {
-    const std::vector<PendingTimer> timers = timersOf(base);
+    PendingTimers timers;
+    collectTimers(base, timers);
     if (timers.empty()) {
         return -1;
     }
@@ -777,12 +782,24 @@ int event_base_get_first_timeout(event_base* base, timeval* first) {
 }
 
 int event_base_timeout_subtract_offset(event_base* base, const timeval* offset) {
-    std::vector<PendingTimer> timers = timersOf(base);
-    std::erase_if(timers, [](const PendingTimer& timer) { return timer.due; });
-    std::stable_sort(timers.begin(), timers.end(),
-                     [](const PendingTimer& a, const PendingTimer& b) {
-                         return timercmp(&a.expiry, &b.expiry, <);
-                     });
+    PendingTimers timers;
+    collectTimers(base, timers);
+    timers.erase(std::remove_if(timers.begin(), timers.end(),
+                                [](const PendingTimer& timer) { return timer.due; }),
+                 timers.end());
+    // Timers of equal expiry keep the order the walk found them in, without
+    // the buffer a stable sort would allocate: an insertion sort for the few
+    // timers a fast-forwarding loop holds, a merge sort past that.
+    const auto earlier = [](const PendingTimer& a, const PendingTimer& b) {
+        return timercmp(&a.expiry, &b.expiry, <);
+    };
+    if (timers.size() <= 16) {
+        for (auto it = timers.begin(); it != timers.end(); ++it) {
+            std::rotate(std::upper_bound(timers.begin(), it, *it, earlier), it, it + 1);
+        }
+    } else {
+        std::stable_sort(timers.begin(), timers.end(), earlier);
+    }
     // event_add() stamps each timer with the base's clock as it reads it then,
     // which only moves forward: re-adding in expiry order against one earlier
     // reading keeps the order, and a timer can only end up later, never

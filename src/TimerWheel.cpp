@@ -25,6 +25,27 @@ const Platform::DebugHandler* const wheelTraceHandle =
     return wheelTraceHandle;
 }
 
+// The group of `expiry` in `groups`, made from a spare node when there is one.
+TimerWheel::TimersAtTimeout& expiryGroup(
+    std::map<double, TimerWheel::TimersAtTimeout>& groups,
+    std::vector<std::map<double, TimerWheel::TimersAtTimeout>::node_type>& spareNodes,
+    double expiry) {
+    const auto at = groups.lower_bound(expiry);
+    if (at != groups.end() && at->first == expiry) {
+        return at->second;
+    }
+    if (spareNodes.empty()) {
+        return groups
+            .emplace_hint(at, std::piecewise_construct, std::forward_as_tuple(expiry),
+                          std::forward_as_tuple())
+            ->second;
+    }
+    auto node = std::move(spareNodes.back());
+    spareNodes.pop_back();
+    node.key() = expiry;
+    return groups.insert(at, std::move(node))->second;
+}
+
 // Ticks past the wheel's range saturate, as the wheel's own sums do.
 timeout_t tickOf(double ticks) {
     constexpr double lastTick = 18446744073709551615.0;  // rounds to 2^64
@@ -276,7 +297,8 @@ void TimerWheel::timeout() {
     while (struct timeout* link = timeouts_get(wheel_)) {
         TimerWheelEvent* event = TimerWheelEvent::timeoutLink2TimerWheelEvent(link);
         event->stateIs(TimerWheelState::notLinked);
-        TimersAtTimeout& timers = timersExpiryingSoon_[event->expirationTime];
+        TimersAtTimeout& timers =
+            expiryGroup(timersExpiryingSoon_, spareNodes_, event->expirationTime);
         KELVO_ASSERTM(link->pending == nullptr, "pending set to {}",
                       static_cast<void*>(link->pending));
         TAILQ_INSERT_TAIL(&timers.list, link, tqe);
@@ -300,7 +322,12 @@ void TimerWheel::timeout() {
             event->stateIs(TimerWheelState::notLinked);
             timerExpired(event);
         }
-        it = timersExpiryingSoon_.erase(it);
+        // Its list is empty again: the node can serve a later group as it is.
+        if (spareNodes_.size() < spareNodesMax) {
+            spareNodes_.push_back(timersExpiryingSoon_.extract(it++));
+        } else {
+            it = timersExpiryingSoon_.erase(it);
+        }
     }
     setMasterTimer();
 }
