@@ -5,6 +5,7 @@
 #include <Kelvo/LockingCpp.h>
 #include <Kelvo/ThreadCpp.h>
 
+#include "DebugImpl.h"
 #include "TraceLine.h"
 
 #include <fcntl.h>
@@ -16,6 +17,7 @@
 #include <cstring>
 #include <ctime>
 #include <iostream>
+#include <mutex>
 #include <vector>
 
 namespace Kelvo {
@@ -489,6 +491,24 @@ void destroyDebugHandler(DebugHandler* handle) {
     LocoGuard guard;
     delete handle;
 }
+
+}  // namespace Platform
+
+namespace Impl {
+
+const Platform::DebugHandler* debugHandlerForLife(const String& name) {
+    // Never destroyed, and holding what it keeps where a leak check sees it.
+    static auto* const kept = new std::vector<std::shared_ptr<Platform::DebugHandler>>();
+    static std::mutex keptMutex;
+    std::shared_ptr<Platform::DebugHandler> handle = Platform::getDebugHandler(name);
+    std::lock_guard<std::mutex> guard(keptMutex);
+    kept->push_back(std::move(handle));
+    return kept->back().get();
+}
+
+}  // namespace Impl
+
+namespace Platform {
 
 void setupKelvoDebug(const char* traceText) {
     LocoGuard guard;

@@ -4,6 +4,8 @@
 #include <Kelvo/LibeventFactoryCpp.h>
 #include <Kelvo/ThreadCpp.h>
 
+#include "DebugImpl.h"
+
 #include <event2/thread.h>
 #include <fcntl.h>
 #include <time.h>
@@ -42,8 +44,7 @@ constexpr double infinity = std::numeric_limits<double>::infinity();
 // callback's request and firing check it five times: a plain pointer costs
 // a load there, with no initialisation guard and no cold start-up code.
 const Platform::DebugHandler* const libeventTraceHandle =
-    (new std::shared_ptr<Platform::DebugHandler>(Platform::getDebugHandler("KelvoLibevent")))
-        ->get();
+    Impl::debugHandlerForLife("KelvoLibevent");
 [[gnu::always_inline]] inline const Platform::DebugHandler* trace() {
     return libeventTraceHandle;
 }

@@ -4,6 +4,8 @@
 #include <Kelvo/ThreadCpp.h>
 #include <Kelvo/TimerWheelCpp.h>
 
+#include "DebugImpl.h"
+
 #include <cmath>
 #include <cstddef>
 #include <limits>
@@ -18,9 +20,7 @@ constexpr double ticksPerSecond = 100;
 // Made at load so that TRACE applies to it before any wheel exists, and
 // never released (code running at exit may still trace). Every timer's start,
 // stop and expiry checks it: a plain pointer costs a load there.
-const Platform::DebugHandler* const wheelTraceHandle =
-    (new std::shared_ptr<Platform::DebugHandler>(Platform::getDebugHandler("KelvoTimerWheel")))
-        ->get();
+const Platform::DebugHandler* const wheelTraceHandle = Impl::debugHandlerForLife("KelvoTimerWheel");
 [[gnu::always_inline]] inline const Platform::DebugHandler* trace() {
     return wheelTraceHandle;
 }

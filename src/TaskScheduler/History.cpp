@@ -5,14 +5,14 @@
 
 #include <algorithm>
 
+#include "DebugImpl.h"
 #include "TaskScheduler/TaskSchedulerImpl.h"
 
 namespace Kelvo {
 
 // Made at load so that TRACE applies to it before any scheduler exists.
 const Platform::DebugHandler* const Impl::schedulerTraceHandle =
-    (new std::shared_ptr<Platform::DebugHandler>(Platform::getDebugHandler("KelvoTaskScheduler")))
-        ->get();
+    Impl::debugHandlerForLife("KelvoTaskScheduler");
 
 const char* taskSchedulerEventTypeDisplay(TaskSchedulerEventType type) {
     static constexpr const char* displays[] = {
