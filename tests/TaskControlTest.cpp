@@ -31,15 +31,13 @@ struct FdProbe : KelvoTest::Probe {
 // The three controls on one handler, the descriptor control watching sv[0].
 class TaskControl : public KelvoTest::FastForward {
   protected:
-    void SetUp() override {
-        FastForward::SetUp();
-        ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, sv), 0);
+    TaskControl() {
+        EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, sv), 0);
         fd->setFd(sv[0]);
     }
-    void TearDown() override {
+    ~TaskControl() override {
         fd.reset();
         ::close(sv[0]), ::close(sv[1]);
-        FastForward::TearDown();
     }
     TaskFdControl& fdTask() { return static_cast<TaskFdControl&>(*fd); }
 
@@ -126,11 +124,10 @@ TEST_F(TaskControl, DescriptorEventsReachTheHandlerWithTheirDescriptor) {
 // (the descriptor's read task at once); a control dropped with a run pending
 // takes the run with it.
 TEST_F(TaskControl, ControlsAreNamedTasksInOneBlockAndTakeTheirRunsAlong) {
-    std::vector<std::string> names;
+    std::multiset<std::string> names;
     for (const TaskImpl& task : root->registeredTasks())
-        names.push_back(task.taskStatsName());
-    std::sort(names.begin(), names.end());
-    EXPECT_EQ(names, (std::vector<std::string>{"H fd:read", "N call", "N timer"}));
+        names.insert(task.taskStatsName());
+    EXPECT_EQ(names, (std::multiset<std::string>{"H fd:read", "N call", "N timer"}));
     const auto live = [] {
         size_t objects = 0;
         for (const std::type_info* type :
