@@ -150,11 +150,9 @@ TEST_F(GroupTurns, MembersRunOncePerTurnOrUntilTheParentsQuantumIsUsed) {
             for (size_t k = 0; k + 1 < turn.size(); ++k)
                 ASSERT_LT(std::get<2>(turn[k]) - std::get<1>(turn[0]), quantum + slack)
                     << "turn " << turns << ": a member started after the quantum was used";
-            for (const auto& run : turn) {
-                const int i = std::get<0>(run);
+            for (const auto& [i, start, end] : turn)
                 ASSERT_TRUE(multipleRuns || (ran.insert(i).second && queued.count(i)))
                     << "turn " << turns << ": m" << i << " ran twice or was not queued";
-            }
             if (threw)
                 continue;  // ended early; the next turn must cope
             const uint32_t pending = group->runnableTaskCount();
