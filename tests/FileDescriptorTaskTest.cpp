@@ -8,9 +8,7 @@ namespace {
 
 using namespace Kelvo;
 using namespace std::chrono_literals;
-using KelvoTest::EndsWith;
-using KelvoTest::loopUntil;
-using KelvoTest::thrownMessage;
+using namespace KelvoTest;
 using P = TaskPriority;
 
 // Counts its runs per direction and does in each what its test asks.
@@ -44,25 +42,24 @@ class FdTask : public KelvoTest::OsTest {
 };
 
 TEST_F(FdTask, WriteTaskCreatedOnFirstNeedCopiesTheReadTasksSettings) {
-    struct Case {
-        uint8_t ratio;
-        bool suspended;
-        TaskTimeDuration writeQuantum;  // a ratio of 1 leaves the default
-    } cases[] = {{3, true, 5ms}, {1, false, TaskScheduler::defaultQuantum}};
-    for (const Case& c : cases) {
+    // Yield ratio, suspended, the write task's quantum: a ratio of 1 leaves
+    // the default.
+    const std::tuple<uint8_t, bool, TaskTimeDuration> cases[] = {
+        {3, true, 5ms}, {1, false, TaskScheduler::defaultQuantum}};
+    for (const auto& [ratio, suspended, writeQuantum] : cases) {
         auto w = watcher();
         ASSERT_EQ(w->writeTask(), nullptr);
         w->taskQuantumIs(5ms);
-        w->taskTestYieldRatioIs(c.ratio);
-        w->taskSuspendedIs(c.suspended);
+        w->taskTestYieldRatioIs(ratio);
+        w->taskSuspendedIs(suspended);
         w->taskStatsNameIs("renamed");
         w->taskWatchWritableIs(true);
         EXPECT_EQ(w->writeTask()->taskName(), "w:write");
         EXPECT_EQ(w->writeTask()->taskStatsName(), "renamed:write");
         EXPECT_EQ(w->readTask()->taskStatsName(), "renamed:read");
-        EXPECT_EQ(w->writeTask()->taskQuantum(), c.writeQuantum) << int(c.ratio);
-        EXPECT_EQ(w->writeTask()->taskTestYieldRatio(), c.ratio);
-        EXPECT_EQ(w->writeTask()->taskSuspended(), c.suspended);
+        EXPECT_EQ(w->writeTask()->taskQuantum(), writeQuantum) << int(ratio);
+        EXPECT_EQ(w->writeTask()->taskTestYieldRatio(), ratio);
+        EXPECT_EQ(w->writeTask()->taskSuspended(), suspended);
     }
     EXPECT_EQ(root->tasksPerPriority(P::normal), 0u);
 }
@@ -94,19 +91,15 @@ TEST_F(FdTask, WritableOncePerArmingReadableUntilThePeerCloses) {
     ASSERT_TRUE(loopUntil([&] { return ends == 1; }));
     const int reads = w->reads;
     Platform::doEventLoop(0.05);
-    EXPECT_EQ(w->reads, reads);
-    EXPECT_EQ(w->taskWatchFd(), -1);
-    EXPECT_EQ(w->taskWorkCountReadableTotal(), 1000u);
+    EXPECT_EQ(std::tuple(w->reads, w->taskWatchFd(), w->taskWorkCountReadableTotal()),
+              std::tuple(reads, -1, 1000u));
     EXPECT_EQ(w->taskRunCount(), unsigned(reads + 3));
 }
 
 TEST_F(FdTask, MisuseFailsWithItsText) {
     const std::string otherFd = fmt::format("Notified about {} watching {}", sv[1], sv[0]);
     const std::string noWriteTask = "WriteTask not created by taskWatchWritableIs( true )";
-    struct Case {
-        std::function<void(Watcher&)> misuse;
-        std::string text;
-    } cases[] = {
+    const std::pair<std::function<void(Watcher&)>, std::string> cases[] = {
         {[](Watcher& w) { w.taskWatchReadableIs(false), w.readFdEvent(w.taskWatchFd()); },
          "readFdEvent() called with taskWatchReadable off"},
         {[&](Watcher& w) { w.readFdEvent(sv[1]); }, otherFd},
@@ -123,36 +116,33 @@ TEST_F(FdTask, MisuseFailsWithItsText) {
          "Executing task already set"},
         {[](Watcher& w) { (void)w.taskShouldYield(); }, "w has no inner task running"},
     };
-    for (const Case& c : cases) {
+    for (const auto& [misuse, text] : cases) {
         auto w = watcher();
-        EXPECT_THAT(thrownMessage([&] { c.misuse(*w); }), EndsWith(c.text));
+        EXPECT_THAT(thrownMessage([&] { misuse(*w); }), EndsWith(text));
     }
 }
 
 TEST_F(FdTask, WatchChangesUnscheduleQueuedRuns) {
-    struct Case {
-        const char* change;
-        std::function<void(Watcher&)> apply;
-        bool readQueued, writeQueued;
-    } cases[] = {
+    // The change, and which runs stay queued: read, write.
+    const std::tuple<const char*, std::function<void(Watcher&)>, bool, bool> cases[] = {
         {"same fd", [&](Watcher& w) { w.taskWatchFdIs(sv[0]); }, true, true},
         {"other fd", [&](Watcher& w) { w.taskWatchFdIs(sv[1]); }, false, false},
         {"fd deleted", [](Watcher& w) { w.taskWatchFdDel(); }, false, false},
         {"readable off", [](Watcher& w) { w.taskWatchReadableIs(false); }, false, true},
         {"writable off", [](Watcher& w) { w.taskWatchWritableIs(false); }, true, false},
     };
-    for (const Case& c : cases) {
+    for (const auto& [change, apply, readQueued, writeQueued] : cases) {
         auto w = watcher();
         w->taskWatchWritableIs(true);
         w->readFdEvent(sv[0]);
         w->writeFdEvent(sv[0]);
-        c.apply(*w);
-        EXPECT_EQ(w->taskBusy(), c.readQueued || c.writeQueued) << c.change;
+        apply(*w);
+        EXPECT_EQ(w->taskBusy(), readQueued || writeQueued) << change;
         for (int i = 0; i < 3; ++i)
             root->handleSchedulerRun();
-        EXPECT_EQ(w->reads, int(c.readQueued)) << c.change;
-        EXPECT_EQ(w->writes, int(c.writeQueued)) << c.change;
-        EXPECT_FALSE(w->taskBusy());
+        EXPECT_EQ(std::tuple(w->reads, w->writes, w->taskBusy()),
+                  std::tuple(int(readQueued), int(writeQueued), false))
+            << change;
     }
 }
 

@@ -88,22 +88,17 @@ TEST(LibeventControls, TimersRearmAndCancelCallbacksCoalesce) {
 // doEventLoopInWaitfor waits for the next one. A negative or NaN bound is
 // zero: one pass that runs what is already due.
 TEST(LibeventLoop, InfiniteBoundWaitsNegativeOrNanBoundIsZero) {
-    const double nan = std::nan("");
-    const std::tuple<const char*, std::function<void()>, bool> rows[] = {
-        {"doEventLoop(inf)", [] { doEventLoop(inf); }, true},
-        {"doEventLoopInWaitfor(inf)", [] { doEventLoopInWaitfor(inf); }, true},
-        {"doEventLoop(nan)", [=] { doEventLoop(nan); }, false},
-        {"doEventLoop(-1)", [] { doEventLoop(-1); }, false},
-        {"doEventLoopInWaitfor(nan)", [=] { doEventLoopInWaitfor(nan); }, false},
-        {"doEventLoopInWaitfor(-inf)", [] { doEventLoopInWaitfor(-inf); }, false},
-    };
-    for (const auto& [name, run, unbounded] : rows) {
-        Probe due, later;
-        if (!unbounded)
-            due.start(0);
-        later.start(unbounded ? 0.05 : 5);
-        run();
-        EXPECT_EQ(std::tuple(due.fired, later.fired), std::tuple(!unbounded, unbounded)) << name;
+    for (const double bound : {inf, std::nan(""), -1.0, -inf}) {
+        for (const bool waitfor : {false, true}) {
+            SCOPED_TRACE(::testing::Message() << bound << (waitfor ? " InWaitfor" : ""));
+            const bool unbounded = bound == inf;
+            Probe due, later;
+            if (!unbounded)
+                due.start(0);
+            later.start(unbounded ? 0.05 : 5);
+            waitfor ? doEventLoopInWaitfor(bound) : doEventLoop(bound);
+            EXPECT_EQ(std::tuple(due.fired, later.fired), std::tuple(!unbounded, unbounded));
+        }
     }
 }
 
@@ -207,7 +202,7 @@ TEST_F(FastForward, StepsToFirstTimerThenToTheEnd) {
               std::tuple(5, before.tv_usec));
 }
 
-TEST_F(FastForward, SwitchNotifiesOnChangeOnlyAndOnlyOnMainThread) {
+TEST_F(FastForward, SwitchNotifiesOnChangeOnlyIsMainThreadOnlyAndMayFlipUnderALoop) {
     static int notified = 0;
     void (*notifier)() = [] { ++notified; };
     registerFastForwardChangeNotifier(notifier);
@@ -230,6 +225,20 @@ TEST_F(FastForward, SwitchNotifiesOnChangeOnlyAndOnlyOnMainThread) {
         EXPECT_THAT(thrownMessage(misuse), HasSubstr(message));
     setFastForward(true);
     EXPECT_EQ(notified, 2);
+    // Flipped while another thread's loop reads it: a loop call keeps the
+    // mode it started in, or throws there and ends the program.
+    std::atomic<bool> stop = false;
+    std::atomic<int> passes = 0;
+    std::thread loop([&] {
+        for (; !stop; ++passes)
+            doEventLoopInWaitfor(0);
+    });
+    for (int flips = 0; flips < 1000000 && (flips < 5000 || passes < 500); ++flips)
+        setFastForward(flips % 2 == 0);
+    setFastForward(false);
+    stop = true;
+    loop.join();
+    EXPECT_GE(passes, 500);
 }
 
 // Two timers 0 to 400 us apart: when a pass ends, the second may already be
@@ -281,21 +290,4 @@ TEST_F(FastForward, VirtualTimeOnlyGrowsAndKeepsTimerOrder) {
     EXPECT_EQ(std::tuple(delay.tv_sec, delay.tv_usec), std::tuple(0, 0));
     doEventLoop();
     EXPECT_EQ(order, (std::vector<int>{0, 1, 2}));
-}
-
-// The main thread flips the switch while another thread's loop reads it; a
-// loop call keeps the mode it started in, or throws there and ends the program.
-TEST(FastForwardSwitch, FlippedWhileAnotherThreadRunsItsLoop) {
-    std::atomic<bool> stop = false;
-    std::atomic<int> passes = 0;
-    std::thread loop([&] {
-        for (; !stop; ++passes)
-            doEventLoopInWaitfor(0);
-    });
-    for (int flips = 0; flips < 1000000 && (flips < 5000 || passes < 500); ++flips)
-        setFastForward(flips % 2 == 0);
-    setFastForward(false);
-    stop = true;
-    loop.join();
-    EXPECT_GE(passes, 500);
 }

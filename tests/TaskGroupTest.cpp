@@ -6,8 +6,7 @@ namespace {
 
 using namespace Kelvo;
 using namespace std::chrono_literals;
-using KelvoTest::thrownMessage;
-using ::testing::EndsWith;
+using namespace KelvoTest;
 using P = TaskPriority;
 
 // A task that counts its runs and does in each what its test asks.
@@ -151,11 +150,9 @@ TEST_F(GroupTurns, MembersRunOncePerTurnOrUntilTheParentsQuantumIsUsed) {
             for (size_t k = 0; k + 1 < turn.size(); ++k)
                 ASSERT_LT(std::get<2>(turn[k]) - std::get<1>(turn[0]), quantum + slack)
                     << "turn " << turns << ": a member started after the quantum was used";
-            for (const auto& run : turn) {
-                const int i = std::get<0>(run);
+            for (const auto& [i, start, end] : turn)
                 ASSERT_TRUE(multipleRuns || (ran.insert(i).second && queued.count(i)))
                     << "turn " << turns << ": m" << i << " ran twice or was not queued";
-            }
             if (threw)
                 continue;  // ended early; the next turn must cope
             const uint32_t pending = group->runnableTaskCount();
@@ -179,18 +176,16 @@ TEST_F(Group, ForceYieldOfAMemberOrOfTheGroupMakesTheParentYield) {
                                               member(reschedule)};
     for (auto& task : m)
         task->scheduleTask();
-    const struct {
-        bool memberForced, groupForced;
-        int perTurn;
-    } steps[] = {
+    // Member forced, group forced, runs per turn.
+    const std::tuple<bool, bool, int> steps[] = {
         {false, false, 3}, {true, false, 1}, {true, true, 1}, {false, true, 1}, {false, false, 3}};
-    for (const auto& c : steps) {
-        m[1]->taskForceYieldInTestIs(c.memberForced);
-        group->taskGroupForceYieldInTestIs(c.groupForced);
-        EXPECT_EQ(root->forceYieldTaskCount(), c.perTurn == 1 ? 1u : 0u);  // the parent
+    for (const auto& [memberForced, groupForced, perTurn] : steps) {
+        m[1]->taskForceYieldInTestIs(memberForced);
+        group->taskGroupForceYieldInTestIs(groupForced);
+        EXPECT_EQ(root->forceYieldTaskCount(), perTurn == 1 ? 1u : 0u);  // the parent
         const int before = m[0]->runs + m[1]->runs + m[2]->runs;
         root->handleSchedulerRun();
-        EXPECT_EQ(m[0]->runs + m[1]->runs + m[2]->runs - before, c.perTurn);
+        EXPECT_EQ(m[0]->runs + m[1]->runs + m[2]->runs - before, perTurn);
     }
     m[0]->taskForceYieldInTestIs(true);
     m[0].reset();  // leaves the set as it goes

@@ -6,10 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <cmath>
-#include <set>
-#include <thread>
 
 namespace {
 
@@ -21,27 +18,24 @@ using Kelvo::Platform::fastForward;
 // ---------------------------------------------------------------------------
 // Fast-forward, the test-yield ratio and runLoopUntil
 
-// GoogleTest runs TearDown after a failed or throwing test as well.
-TEST(TestKitFixture, TearDownTurnsFastForwardOff) {
-    struct Fixture : FastForwardTest {
-        void TestBody() override {}
-        void run() {
-            SetUp();
-            EXPECT_TRUE(fastForward());
-            TearDown();
-        }
-    } fixture;
-    fixture.run();
-    EXPECT_FALSE(fastForward());
-}
-
 struct Idle : Task {
     using Task::Task;
     void taskExecute() override {}
 };
 
-// Each scope puts back what it found, not a default.
-TEST(TestKitScopes, TestYieldRatioScopesNestAndRestoreWhatTheyFound) {
+// Each scope puts back what it found, not a default. The fixture turns
+// fast-forward off in TearDown, which GoogleTest runs after a failed or
+// throwing test as well.
+TEST(TestKitScopes, FixtureAndYieldRatioScopesRestoreWhatTheyFound) {
+    struct : FastForwardTest {
+        void TestBody() override {
+            SetUp();
+            EXPECT_TRUE(fastForward());
+            TearDown();
+        }
+    } fixture;
+    fixture.TestBody();
+    EXPECT_FALSE(fastForward());
     Idle task(schedulerRootKelvoNonShared("testkit"), TaskPriority::normal, "task");
     task.taskTestYieldRatioIs(7);
     {

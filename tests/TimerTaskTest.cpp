@@ -5,11 +5,7 @@
 namespace {
 
 using namespace Kelvo;
-using namespace std::chrono_literals;
-using KelvoTest::inf;
-using KelvoTest::thrownMessage;
-using ::testing::EndsWith;
-using ::testing::HasSubstr;
+using namespace KelvoTest;
 
 // A timer task that counts its runs and does in each what its test asks.
 struct Timed : TimerTask {
@@ -122,25 +118,25 @@ TEST_F(TimerTaskTest, RandomOperationsAgainstAReferenceModel) {
         const uint8_t percentage = random() % 101;
         const double jitter = seconds * percentage / 100.0;
         const bool asDuration = random() % 2;
+        // A scheduling call with the delay in seconds or as a duration.
+        const auto inForm = [&](auto schedule) { asDuration ? schedule(ns) : schedule(seconds); };
         const unsigned op = random() % 8;
         switch (op) {
             case 0:
-                asDuration ? t.scheduleTaskDelay(ns) : t.scheduleTaskDelay(seconds);
+                inForm([&](auto delay) { t.scheduleTaskDelay(delay); });
                 m = {true, at, at};
                 break;
             case 1:
-                asDuration ? t.scheduleTaskLowestDelay(ns) : t.scheduleTaskLowestDelay(seconds);
+                inForm([&](auto delay) { t.scheduleTaskLowestDelay(delay); });
                 m = {true, std::min(m.owed ? m.earliest : at, at),
                      std::min(m.owed ? m.latest : at, at)};
                 break;
             case 2:
-                asDuration ? t.scheduleTaskJitterUp(ns, percentage)
-                           : t.scheduleTaskJitterUp(seconds, percentage);
+                inForm([&](auto delay) { t.scheduleTaskJitterUp(delay, percentage); });
                 m = {true, at, at + jitter};
                 break;
             case 3:
-                asDuration ? t.scheduleTaskJitterDown(ns, percentage)
-                           : t.scheduleTaskJitterDown(seconds, percentage);
+                inForm([&](auto delay) { t.scheduleTaskJitterDown(delay, percentage); });
                 m = {true, at - jitter, at};
                 break;
             case 4:
