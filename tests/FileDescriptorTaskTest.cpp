@@ -116,9 +116,9 @@ TEST_F(FdTask, MisuseFailsWithItsText) {
          "Executing task already set"},
         {[](Watcher& w) { (void)w.taskShouldYield(); }, "w has no inner task running"},
     };
-    for (const auto& [misuse, text] : cases) {
+    for (const auto& c : cases) {
         auto w = watcher();
-        EXPECT_THAT(thrownMessage([&] { misuse(*w); }), EndsWith(text));
+        EXPECT_THAT(thrownMessage([&] { c.first(*w); }), EndsWith(c.second));
     }
 }
 
